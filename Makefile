@@ -1,0 +1,55 @@
+# Entry points: `make demo`, `make test`, `make bench`, `make fuzz`.
+# Every target sets the machine up first (idempotent) and builds out of tree.
+BUILD     ?= build
+JOBS      ?= $(shell nproc)
+FUZZ_SECONDS ?= 60
+PREFIX    ?= /usr/local
+
+RELEASE := $(BUILD)/release
+SANITIZE := $(BUILD)/asan
+CMAKE_COMMON := -DCMAKE_BUILD_TYPE=Release
+
+.PHONY: all setup build test test-release test-sanitize demo bench fuzz install format clean
+
+all: build
+
+setup:
+	bash scripts/setup.sh
+
+build: setup
+	cmake -S . -B $(RELEASE) $(CMAKE_COMMON) >/dev/null
+	cmake --build $(RELEASE) -j$(JOBS)
+
+# The whole suite twice: optimised, then under AddressSanitizer and
+# UndefinedBehaviorSanitizer (any report fails the run).
+test: test-release test-sanitize
+
+test-release: build
+	ctest --test-dir $(RELEASE) --output-on-failure -j$(JOBS)
+
+test-sanitize: setup
+	cmake -S . -B $(SANITIZE) $(CMAKE_COMMON) -DVEMOPROC_SANITIZE=address,undefined \
+	  -DVEMOPROC_BUILD_BENCH=OFF >/dev/null
+	cmake --build $(SANITIZE) -j$(JOBS)
+	ASAN_OPTIONS=detect_leaks=1:halt_on_error=1:abort_on_error=1 \
+	UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+	  ctest --test-dir $(SANITIZE) --output-on-failure -j$(JOBS)
+
+demo: build
+	$(RELEASE)/tools/vemoproc demo
+
+bench: build
+	@for b in yolo_bench vision_bench dia_bench streamer_bench; do \
+	  echo "== $$b"; $(RELEASE)/bench/$$b --benchmark_counters_tabular=true || exit 1; done
+
+fuzz: setup
+	bash fuzz/run.sh $(BUILD)/fuzz $(FUZZ_SECONDS)
+
+install: build
+	cmake --install $(RELEASE) --prefix $(PREFIX)
+
+format:
+	clang-format -i $$(git ls-files '*.cpp' '*.hpp')
+
+clean:
+	rm -rf $(BUILD)

@@ -1,0 +1,1 @@
+#include "qwen2vl.hpp"

@@ -1,0 +1,95 @@
+#pragma once
+// Real encoded image files for the tests, written with the stb writer that the
+// library exports, into a per-process scratch folder.
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+#include "stb_image_write.h"
+
+namespace testimg {
+
+enum class Format { Png, Jpeg, Bmp, Tga };
+
+// Interleaved pixels with `channels` samples each (1 grey, 2 grey+alpha, 3 RGB, 4 RGBA).
+struct Pixels {
+  int width = 0;
+  int height = 0;
+  int channels = 3;
+  std::vector<uint8_t> data;
+
+  uint8_t* at(int x, int y) {
+    return data.data() + (static_cast<size_t>(y) * width + x) * channels;
+  }
+};
+
+// Every sample of pixel (x, y), channel c is f(x, y, c).
+inline Pixels make(int width, int height, int channels,
+                   const std::function<uint8_t(int, int, int)>& f) {
+  Pixels p{width, height, channels, std::vector<uint8_t>(static_cast<size_t>(width) * height * channels)};
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x)
+      for (int c = 0; c < channels; ++c) p.at(x, y)[c] = f(x, y, c);
+  return p;
+}
+
+inline Pixels solid(int width, int height, uint8_t r, uint8_t g, uint8_t b) {
+  return make(width, height, 3, [=](int, int, int c) { return c == 0 ? r : c == 1 ? g : b; });
+}
+
+// A scratch folder removed when the test binary exits.
+inline const std::filesystem::path& scratch_dir() {
+  static const struct Dir {
+    std::filesystem::path path;
+    Dir() {
+      path = std::filesystem::temp_directory_path() /
+             ("vemoproc-test-" + std::to_string(::getpid()));
+      std::filesystem::create_directories(path);
+    }
+    ~Dir() {
+      std::error_code ec;
+      std::filesystem::remove_all(path, ec);
+    }
+  } dir;
+  return dir.path;
+}
+
+// Writes `p` as a file named `name` in the scratch folder; returns its path.
+inline std::string write(const Pixels& p, Format format, const std::string& name) {
+  const std::string path = (scratch_dir() / name).string();
+  int ok = 0;
+  switch (format) {
+    case Format::Png:
+      ok = stbi_write_png(path.c_str(), p.width, p.height, p.channels, p.data.data(),
+                          p.width * p.channels);
+      break;
+    case Format::Jpeg:
+      ok = stbi_write_jpg(path.c_str(), p.width, p.height, p.channels, p.data.data(), 100);
+      break;
+    case Format::Bmp:
+      ok = stbi_write_bmp(path.c_str(), p.width, p.height, p.channels, p.data.data());
+      break;
+    case Format::Tga:
+      ok = stbi_write_tga(path.c_str(), p.width, p.height, p.channels, p.data.data());
+      break;
+  }
+  if (!ok) throw std::runtime_error("test image not written: " + path);
+  return path;
+}
+
+// A file whose bytes are not an image in any format.
+inline std::string write_garbage(const std::string& name) {
+  const std::string path = (scratch_dir() / name).string();
+  std::FILE* f = std::fopen(path.c_str(), "wb");
+  if (!f) throw std::runtime_error("cannot write " + path);
+  std::fputs("this is not an image file", f);
+  std::fclose(f);
+  return path;
+}
+
+}  // namespace testimg

@@ -1,0 +1,3 @@
+#include "cli_common.hpp"
+
+void add_stream_command(CLI::App& /*app*/) {}

@@ -1,0 +1,3 @@
+#include "cli_common.hpp"
+
+void add_vision_commands(CLI::App& /*app*/) {}

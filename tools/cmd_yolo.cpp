@@ -1,0 +1,3 @@
+#include "cli_common.hpp"
+
+void add_yolo_commands(CLI::App& /*app*/) {}
