@@ -31,7 +31,8 @@ struct Pixels {
 // Every sample of pixel (x, y), channel c is f(x, y, c).
 inline Pixels make(int width, int height, int channels,
                    const std::function<uint8_t(int, int, int)>& f) {
-  Pixels p{width, height, channels, std::vector<uint8_t>(static_cast<size_t>(width) * height * channels)};
+  Pixels p{width, height, channels,
+           std::vector<uint8_t>(static_cast<size_t>(width) * height * channels)};
   for (int y = 0; y < height; ++y)
     for (int x = 0; x < width; ++x)
       for (int c = 0; c < channels; ++c) p.at(x, y)[c] = f(x, y, c);
@@ -47,8 +48,8 @@ inline const std::filesystem::path& scratch_dir() {
   static const struct Dir {
     std::filesystem::path path;
     Dir() {
-      path = std::filesystem::temp_directory_path() /
-             ("vemoproc-test-" + std::to_string(::getpid()));
+      path =
+          std::filesystem::temp_directory_path() / ("vemoproc-test-" + std::to_string(::getpid()));
       std::filesystem::create_directories(path);
     }
     ~Dir() {

@@ -67,7 +67,8 @@ constexpr std::array<size_t, 2> k640 = {640, 640};
 // --- Loading -----------------------------------------------------------------
 
 TEST(RawImageLoad, EveryWriterFormatComesBackAsRgb) {
-  const auto rgb = testimg::make(5, 4, 3, [](int x, int y, int c) { return uint8_t(40 * c + 10 * x + y); });
+  const auto rgb =
+      testimg::make(5, 4, 3, [](int x, int y, int c) { return uint8_t(40 * c + 10 * x + y); });
   for (Format f : {Format::Png, Format::Bmp, Format::Tga}) {
     const yolo::RawImage im(testimg::write(rgb, f, "rgb" + std::to_string(int(f))));
     EXPECT_EQ(im.width, 5);
@@ -83,7 +84,8 @@ TEST(RawImageLoad, GreyAlphaAndJpegBecomeThreeChannels) {
   ASSERT_EQ(g.channels, 3);
   EXPECT_EQ(pixel(g, 2, 1), (RGB{101, 101, 101}));
 
-  const auto grey_alpha = testimg::make(2, 2, 2, [](int, int, int c) { return uint8_t(c ? 7 : 90); });
+  const auto grey_alpha =
+      testimg::make(2, 2, 2, [](int, int, int c) { return uint8_t(c ? 7 : 90); });
   const yolo::RawImage ga(testimg::write(grey_alpha, Format::Png, "ga.png"));
   EXPECT_EQ(ga.data, std::vector<uint8_t>(12, 90));
 
@@ -147,9 +149,13 @@ TEST(Letterbox, ShrinksLargeImagesAndKeepsTheAspect) {
 }
 
 TEST(Letterbox, ImpossibleSizesThrow) {
-  EXPECT_EQ(error_of([] { yolo::letterbox(solid_image(8, 8, {0, 0, 0}), {0, 0}, 114); }),
+  EXPECT_EQ(error_of([] {
+              yolo::letterbox(solid_image(8, 8, {0, 0, 0}), {0, 0}, 114);
+            }),
             "stbir_resize_uint8_linear failed");
-  EXPECT_EQ(error_of([] { yolo::letterbox(yolo::RawImage{}, {8, 8}, 114); }),
+  EXPECT_EQ(error_of([] {
+              yolo::letterbox(yolo::RawImage{}, {8, 8}, 114);
+            }),
             "stbir_resize_uint8_linear failed");
   yolo::RawImage short_data = solid_image(8, 8, {0, 0, 0});
   short_data.data.resize(10);
@@ -159,7 +165,8 @@ TEST(Letterbox, ImpossibleSizesThrow) {
 // --- Batch preprocessing ----------------------------------------------------------
 
 TEST(Preprocess, PacksPlanarRgbDividedBy255) {
-  const auto gradient = testimg::make(32, 24, 3, [](int x, int y, int c) { return uint8_t(8 * x + y + 60 * c); });
+  const auto gradient =
+      testimg::make(32, 24, 3, [](int x, int y, int c) { return uint8_t(8 * x + y + 60 * c); });
   const std::string a = testimg::write(gradient, Format::Png, "grad.png");
   const std::string b = testimg::write(testimg::solid(10, 30, 255, 0, 0), Format::Bmp, "red.bmp");
 
@@ -182,7 +189,8 @@ TEST(Preprocess, PacksPlanarRgbDividedBy255) {
 }
 
 TEST(Preprocess, ShapeIsBatchChannelsHeightWidth) {
-  const std::string white = testimg::write(testimg::solid(4, 4, 255, 255, 255), Format::Tga, "w.tga");
+  const std::string white =
+      testimg::write(testimg::solid(4, 4, 255, 255, 255), Format::Tga, "w.tga");
   const auto t = yolo::preprocess({white}, {40, 20});
   EXPECT_EQ(t.shape(), (std::array<size_t, 4>{1, 3, 20, 40}));
   EXPECT_EQ(t(0, 2, 10, 20), 1.0f);
@@ -192,25 +200,30 @@ TEST(Preprocess, ShapeIsBatchChannelsHeightWidth) {
 TEST(Preprocess, AFailingImageStopsTheBatch) {
   const std::string ok = testimg::write(testimg::solid(4, 4, 1, 2, 3), Format::Png, "ok.png");
   const std::string missing = (testimg::scratch_dir() / "nope.jpg").string();
-  EXPECT_EQ(error_of([&] { yolo::preprocess({ok, missing, ok}, {8, 8}); }),
+  EXPECT_EQ(error_of([&] {
+              yolo::preprocess({ok, missing, ok}, {8, 8});
+            }),
             "stbi_load failed for: " + missing);
 }
 
 // --- Postprocessing -------------------------------------------------------------
 
 TEST(Postprocess, RejectsHeadsWithoutClassColumns) {
-  EXPECT_EQ(error_of([] { yolo::postprocess(xt::zeros<float>({3, 5}), k640, k640, 0.25f, 0.45f, 300); }),
+  EXPECT_EQ(error_of([] {
+              yolo::postprocess(xt::zeros<float>({3, 5}), k640, k640, 0.25f, 0.45f, 300);
+            }),
             "postprocess(): expected (N,5+nc) tensor");
   EXPECT_TRUE(yolo::postprocess(xt::zeros<float>({0, 84}), k640, k640, 0.25f, 0.45f, 300).empty());
-  EXPECT_EQ(yolo::postprocess(head({head_row(0, 0, 10, 10, {0.1f, 0.9f})}), k640, k640, 0.25f, 0.45f, 300)
-                .at(0)
-                .class_id,
-            1);
+  EXPECT_EQ(
+      yolo::postprocess(head({head_row(0, 0, 10, 10, {0.1f, 0.9f})}), k640, k640, 0.25f, 0.45f, 300)
+          .at(0)
+          .class_id,
+      1);
 }
 
 TEST(Postprocess, ConfidenceIsTheBestClassScoreAndStrictlyAboveThreshold) {
   const auto dets = yolo::postprocess(
-      head({head_row(0, 0, 10, 10, {0.25f, 0.1f, 0.2f}),     // equal to threshold: dropped
+      head({head_row(0, 0, 10, 10, {0.25f, 0.1f, 0.2f}),       // equal to threshold: dropped
             head_row(100, 100, 110, 110, {0.3f, 0.1f, 0.3f}),  // tie: lowest index wins
             head_row(200, 200, 210, 210, {0.1f, 0.2f, 0.6f})}),
       k640, k640, 0.25f, 0.45f, 300);
@@ -247,7 +260,8 @@ TEST(Postprocess, NmsIsGreedyPerClassWithStrictIou) {
 
 TEST(Postprocess, MaxDetCapsTheResultButKeepsAtLeastOne) {
   std::vector<std::vector<float>> rows;
-  for (int i = 0; i < 5; ++i) rows.push_back(head_row(100.0f * i, 0, 100.0f * i + 50, 50, {0.5f + 0.1f * i, 0}));
+  for (int i = 0; i < 5; ++i)
+    rows.push_back(head_row(100.0f * i, 0, 100.0f * i + 50, 50, {0.5f + 0.1f * i, 0}));
   const auto two = yolo::postprocess(head(rows), k640, k640, 0.25f, 0.45f, 2);
   ASSERT_EQ(two.size(), 2u);
   EXPECT_EQ(two[0].score, 0.5f + 0.1f * 4);
@@ -338,5 +352,6 @@ TEST(DrawDetections, HostileBoxesAndLabelsStayInsideTheImage) {
   yolo::draw_detections(empty, {{0, 0, 1, 1, 1, 0}}, {}, true, 1);
   yolo::RawImage lying = solid_image(4, 4, {0, 0, 0});
   lying.height = 40;
-  EXPECT_THAT(error_of([&] { yolo::draw_detections(lying, {}, {}, true, 1); }), HasSubstr("image.data"));
+  EXPECT_THAT(error_of([&] { yolo::draw_detections(lying, {}, {}, true, 1); }),
+              HasSubstr("image.data"));
 }

@@ -3,9 +3,11 @@
 #include <CLI/CLI.hpp>
 
 #include <array>
+#include <chrono>
 #include <stdexcept>
 #include <string>
 
+#include <xtensor/xarray.hpp>
 #include <xtensor/xnpy.hpp>
 
 namespace cli {
@@ -27,6 +29,24 @@ void write_npy(const std::string& path, const E& tensor) {
     throw std::runtime_error("cannot write " + path + ": " + e.what());
   }
 }
+
+// Reads a .npy of float32, float64, int32 or int64 elements as float; throws a
+// one-line std::runtime_error naming the file when it is missing or holds
+// anything else.
+xt::xarray<float> load_npy_as_float(const std::string& path);
+
+// Prints "[k/n] label ... done (X ms)" around one stage of a pipeline, so a
+// person watching a long run sees where it is.
+class Stage {
+ public:
+  Stage(int index, int count, const std::string& label);
+  ~Stage();
+  Stage(const Stage&) = delete;
+  Stage& operator=(const Stage&) = delete;
+
+ private:
+  std::chrono::steady_clock::time_point start_;
+};
 
 }  // namespace cli
 

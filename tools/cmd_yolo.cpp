@@ -1,3 +1,305 @@
-#include "cli_common.hpp"
+// vemoproc subcommands of the detection family: yolo-preprocess,
+// yolo-postprocess and demo.
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <iomanip>
+#include <iostream>
+#include <random>
 
-void add_yolo_commands(CLI::App& /*app*/) {}
+#include <xtensor/xadapt.hpp>
+#include <xtensor/xmanipulation.hpp>
+#include <xtensor/xview.hpp>
+
+#include "cli_common.hpp"
+#include "stb_image_write.h"
+#include "yolo.hpp"
+
+namespace {
+
+// --- shared by the subcommands ------------------------------------------------
+
+std::vector<std::string> read_names(const std::string& path) {
+  if (path.empty()) return {};
+  cli::require_file(path);
+  std::ifstream in(path);
+  std::vector<std::string> names;
+  for (std::string line; std::getline(in, line);) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    names.push_back(line);
+  }
+  return names;
+}
+
+void write_png(const yolo::RawImage& image, const std::string& path) {
+  if (!stbi_write_png(path.c_str(), image.width, image.height, 3, image.data.data(),
+                      image.width * 3)) {
+    throw std::runtime_error("cannot write " + path);
+  }
+}
+
+void print_detections(const std::vector<yolo::Detection>& dets,
+                      const std::vector<std::string>& names) {
+  std::cout << dets.size() << " detection(s): class name score x1 y1 x2 y2\n";
+  for (const auto& d : dets) {
+    const bool named = d.class_id >= 0 && d.class_id < static_cast<int>(names.size());
+    std::cout << d.class_id << ' '
+              << (named ? names[static_cast<size_t>(d.class_id)]
+                        : "cls_" + std::to_string(d.class_id))
+              << ' ' << std::fixed << std::setprecision(4) << d.score << std::setprecision(1) << ' '
+              << d.x1 << ' ' << d.y1 << ' ' << d.x2 << ' ' << d.y2 << '\n';
+  }
+}
+
+// The head as [N, C]: accepts [N, C] or [1, N, C], or the channel-first
+// [C, N] / [1, C, N] with layout "cn".
+xt::xtensor<float, 2> head_rows(xt::xarray<float> head, const std::string& layout,
+                                const std::string& path) {
+  if (head.dimension() == 3 && head.shape(0) == 1) head = xt::view(head, 0);
+  if (head.dimension() != 2) {
+    throw std::runtime_error(path + ": expected a head of shape [N, C] or [1, N, C], got " +
+                             std::to_string(head.dimension()) + " axes");
+  }
+  if (layout == "cn") head = xt::transpose(head);
+  if (head.shape(1) < 6) {
+    throw std::runtime_error(path + ": a row needs 4 box values and at least 2 class scores, got " +
+                             std::to_string(head.shape(1)) + " columns" +
+                             (layout == "nc" ? " (channel-first heads need --layout cn)" : ""));
+  }
+  return head;
+}
+
+// --- yolo-preprocess -----------------------------------------------------------
+
+struct PreprocessArgs {
+  std::vector<std::string> images;
+  std::string size = "640x640";
+  std::string output;
+};
+
+void run_preprocess(const PreprocessArgs& a) {
+  const auto shape = cli::parse_size(a.size, "--size");
+  for (const auto& p : a.images) cli::require_file(p);
+  const auto batch = yolo::preprocess(a.images, shape);
+  cli::write_npy(a.output, batch);
+  std::cout << "wrote " << a.output << ": float32 [" << batch.shape(0) << ", 3, " << batch.shape(2)
+            << ", " << batch.shape(3) << "]\n";
+}
+
+// --- yolo-postprocess ----------------------------------------------------------
+
+struct PostprocessArgs {
+  std::string head;
+  std::string input_size;
+  std::string image;
+  float conf = 0.25f;
+  float iou = 0.45f;
+  size_t max_det = 300;
+  std::string names;
+  std::string draw;
+  std::string layout = "nc";
+  int thickness = 2;
+};
+
+void run_postprocess(const PostprocessArgs& a) {
+  const auto in = cli::parse_size(a.input_size, "--input-size");
+  const auto names = read_names(a.names);
+  cli::require_file(a.image);
+  yolo::RawImage image(a.image);
+  const auto head = head_rows(cli::load_npy_as_float(a.head), a.layout, a.head);
+  const auto dets =
+      yolo::postprocess(head, {static_cast<size_t>(in[1]), static_cast<size_t>(in[0])},
+                        {static_cast<size_t>(image.height), static_cast<size_t>(image.width)},
+                        a.conf, a.iou, a.max_det);
+  print_detections(dets, names);
+  if (!a.draw.empty()) {
+    yolo::draw_detections(image, dets, names, true, a.thickness);
+    write_png(image, a.draw);
+    std::cout << "wrote " << a.draw << "\n";
+  }
+}
+
+// --- demo ------------------------------------------------------------------------
+
+struct SceneObject {
+  int class_id;
+  float x1, y1, x2, y2;  // original-image pixels
+};
+
+const std::vector<std::string> kDemoNames = {"house", "tree", "sun", "car"};
+
+void fill_rect(yolo::RawImage& im, int x1, int y1, int x2, int y2, std::array<uint8_t, 3> c) {
+  for (int y = std::max(y1, 0); y < std::min(y2, im.height); ++y)
+    for (int x = std::max(x1, 0); x < std::min(x2, im.width); ++x)
+      std::copy(c.begin(), c.end(), im.data.begin() + (static_cast<long>(y) * im.width + x) * 3);
+}
+
+void fill_disc(yolo::RawImage& im, int cx, int cy, int r, std::array<uint8_t, 3> c) {
+  for (int y = cy - r; y <= cy + r; ++y)
+    for (int x = cx - r; x <= cx + r; ++x)
+      if ((x - cx) * (x - cx) + (y - cy) * (y - cy) <= r * r) fill_rect(im, x, y, x + 1, y + 1, c);
+}
+
+// A landscape with a sun, a house, two trees and a car; returns the objects.
+std::vector<SceneObject> paint_scene(yolo::RawImage& im) {
+  im.width = 960;
+  im.height = 640;
+  im.channels = 3;
+  im.data.assign(960u * 640u * 3u, 0);
+  for (int y = 0; y < 640; ++y) {
+    const auto sky = static_cast<uint8_t>(150 + y / 8);
+    fill_rect(im, 0, y, 960, y + 1,
+              y < 440 ? std::array<uint8_t, 3>{90, uint8_t(sky - 20), 230}
+                      : std::array<uint8_t, 3>{70, 150, 60});
+  }
+  fill_disc(im, 820, 110, 60, {250, 210, 60});
+  fill_rect(im, 160, 300, 420, 470, {190, 90, 70});  // house walls
+  for (int i = 0; i < 90; ++i)
+    fill_rect(im, 160 + i * 13 / 9, 300 - i, 420 - i * 13 / 9, 301 - i, {120, 40, 40});
+  fill_rect(im, 260, 390, 310, 470, {90, 50, 30});   // door
+  fill_rect(im, 535, 330, 555, 480, {100, 70, 40});  // tree trunks and crowns
+  fill_disc(im, 545, 300, 60, {40, 120, 40});
+  fill_rect(im, 705, 360, 720, 470, {100, 70, 40});
+  fill_disc(im, 712, 335, 42, {50, 140, 50});
+  fill_rect(im, 600, 500, 860, 570, {200, 30, 40});  // car body, roof, wheels
+  fill_rect(im, 650, 460, 800, 500, {200, 30, 40});
+  fill_disc(im, 650, 570, 24, {30, 30, 30});
+  fill_disc(im, 810, 570, 24, {30, 30, 30});
+  return {{0, 160, 210, 420, 470},
+          {1, 485, 240, 605, 480},
+          {1, 670, 293, 754, 470},
+          {2, 760, 50, 880, 170},
+          {3, 600, 460, 860, 594}};
+}
+
+// Synthetic raw head [rows, 4 + classes] in network pixels: a cluster of
+// jittered candidates per object (what a detector emits around a real object)
+// and low-score background rows. There is no network here.
+xt::xtensor<float, 2> synthetic_head(const std::vector<SceneObject>& objects, int img_w, int img_h,
+                                     std::array<int, 2> net, size_t rows) {
+  const size_t classes = kDemoNames.size();
+  xt::xtensor<float, 2> head = xt::zeros<float>({rows, 4 + classes});
+  const float r = std::min(float(net[1]) / float(img_h), float(net[0]) / float(img_w));
+  const float left = (net[0] - std::round(r * img_w)) / 2;
+  const float top = (net[1] - std::round(r * img_h)) / 2;
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+  std::normal_distribution<float> jitter(0.0f, 0.04f);
+  for (size_t i = 0; i < rows; ++i) {
+    const bool on_object = i < objects.size() * 40;
+    if (on_object) {
+      const SceneObject& o = objects[i % objects.size()];
+      const float w = (o.x2 - o.x1) * r;
+      const float h = (o.y2 - o.y1) * r;
+      head(i, 0) = (o.x1 + o.x2) / 2 * r + left + jitter(rng) * w;
+      head(i, 1) = (o.y1 + o.y2) / 2 * r + top + jitter(rng) * h;
+      head(i, 2) = w * (1 + jitter(rng));
+      head(i, 3) = h * (1 + jitter(rng));
+      head(i, 4 + o.class_id) = 0.55f + 0.4f * unit(rng);
+    } else {
+      head(i, 0) = unit(rng) * net[0];
+      head(i, 1) = unit(rng) * net[1];
+      head(i, 2) = 10 + unit(rng) * 100;
+      head(i, 3) = 10 + unit(rng) * 100;
+    }
+    for (size_t c = 0; c < classes; ++c)
+      head(i, 4 + c) = std::max(head(i, 4 + c), 0.2f * unit(rng));
+  }
+  return head;
+}
+
+struct DemoArgs {
+  std::string image;
+  std::string output = "vemoproc-demo.png";
+  std::string size = "640x640";
+};
+
+void run_demo(const DemoArgs& a) {
+  const auto net = cli::parse_size(a.size, "--size");
+  constexpr int kStages = 6;
+  yolo::RawImage scene;
+  std::vector<SceneObject> objects;
+  std::string input = a.image;
+  {
+    cli::Stage s(1, kStages, a.image.empty() ? "painting a sample scene" : "reading " + a.image);
+    if (a.image.empty()) {
+      objects = paint_scene(scene);
+      input = (std::filesystem::temp_directory_path() / "vemoproc-demo-scene.png").string();
+      write_png(scene, input);
+    } else {
+      cli::require_file(a.image);
+      scene = yolo::RawImage(a.image);
+      // Without a network, an arbitrary photo gets three boxes at fixed spots.
+      const float w = float(scene.width), h = float(scene.height);
+      objects = {{0, 0.1f * w, 0.2f * h, 0.45f * w, 0.9f * h},
+                 {1, 0.5f * w, 0.1f * h, 0.7f * w, 0.6f * h},
+                 {3, 0.6f * w, 0.55f * h, 0.95f * w, 0.95f * h}};
+    }
+  }
+  {
+    cli::Stage s(2, kStages, "preprocess (decode, letterbox, pack) to " + a.size);
+    const auto batch = yolo::preprocess({input}, net);
+    (void)batch;  // the input a detection network would run on
+  }
+  xt::xtensor<float, 2> head;
+  {
+    cli::Stage s(3, kStages, "synthetic detection head (no network in this library)");
+    head = synthetic_head(objects, scene.width, scene.height, net, 8400);
+  }
+  std::vector<yolo::Detection> dets;
+  {
+    cli::Stage s(4, kStages, "postprocess [8400, " + std::to_string(head.shape(1)) + "] head");
+    dets = yolo::postprocess(head, {size_t(net[1]), size_t(net[0])},
+                             {size_t(scene.height), size_t(scene.width)}, 0.25f, 0.45f, 300);
+  }
+  {
+    cli::Stage s(5, kStages, "draw " + std::to_string(dets.size()) + " detections");
+    yolo::draw_detections(scene, dets, kDemoNames, true, 3);
+  }
+  {
+    cli::Stage s(6, kStages, "write " + a.output);
+    write_png(scene, a.output);
+  }
+  print_detections(dets, kDemoNames);
+  std::cout << "annotated image: " << a.output << "\n";
+}
+
+}  // namespace
+
+void add_yolo_commands(CLI::App& app) {
+  auto pre = std::make_shared<PreprocessArgs>();
+  auto* p = app.add_subcommand("yolo-preprocess", "Letterbox images into a [N,3,H,W] float .npy");
+  p->add_option("images", pre->images, "Image files (any format stb_image reads)")->required();
+  p->add_option("--size", pre->size, "Network input size WIDTHxHEIGHT")->capture_default_str();
+  p->add_option("-o,--output", pre->output, "Output .npy file")->required();
+  p->callback([pre] { run_preprocess(*pre); });
+
+  auto post = std::make_shared<PostprocessArgs>();
+  auto* q = app.add_subcommand("yolo-postprocess", "Decode a raw detection head into boxes");
+  q->add_option("head", post->head, "Head .npy: [N, 4+classes] or [1, N, 4+classes]")->required();
+  q->add_option("--input-size", post->input_size, "Network input size WIDTHxHEIGHT")->required();
+  q->add_option("--image", post->image, "The original image (for its size, and --draw)")
+      ->required();
+  q->add_option("--conf", post->conf, "Confidence threshold (strictly above)")
+      ->capture_default_str();
+  q->add_option("--iou", post->iou, "NMS IoU threshold (strictly above suppresses)")
+      ->capture_default_str();
+  q->add_option("--max-det", post->max_det, "Most detections kept")->capture_default_str();
+  q->add_option("--names", post->names, "Class names file, one per line");
+  q->add_option("--draw", post->draw, "Write the image with boxes and labels to this PNG");
+  q->add_option("--layout", post->layout, "nc: rows are boxes; cn: channel-first [C, N] heads")
+      ->check(CLI::IsMember({"nc", "cn"}))
+      ->capture_default_str();
+  q->add_option("--thickness", post->thickness, "Box outline width in pixels")
+      ->capture_default_str();
+  q->callback([post] { run_postprocess(*post); });
+
+  auto demo = std::make_shared<DemoArgs>();
+  auto* d =
+      app.add_subcommand("demo", "Run detection pre/post-processing end to end on a sample scene");
+  d->add_option("--image", demo->image, "Use this image instead of the painted sample scene");
+  d->add_option("-o,--output", demo->output, "Annotated PNG to write")->capture_default_str();
+  d->add_option("--size", demo->size, "Network input size WIDTHxHEIGHT")->capture_default_str();
+  d->callback([demo] { run_demo(*demo); });
+}

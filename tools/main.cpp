@@ -4,8 +4,9 @@
 #include "cli_common.hpp"
 
 int main(int argc, char** argv) {
-  CLI::App app{"vemoproc: model pre- and post-processing on files (detection, vision inputs, "
-               "speech-synthesis helpers, text streaming)"};
+  CLI::App app{
+      "vemoproc: model pre- and post-processing on files (detection, vision inputs, "
+      "speech-synthesis helpers, text streaming)"};
   app.require_subcommand(1);
   app.set_help_all_flag("--help-all", "Show help for every subcommand");
   add_yolo_commands(app);

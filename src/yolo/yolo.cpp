@@ -83,9 +83,8 @@ RawImage letterbox(const RawImage& image, const std::array<int, 2>& new_shape,
     throw std::runtime_error("stbir_resize_uint8_linear failed");
   }
   std::vector<uint8_t> resized(rgb_bytes(new_w, new_h));
-  const unsigned char* out =
-      stbir_resize_uint8_linear(image.data.data(), w, h, 0, resized.data(), new_w, new_h, 0,
-                                STBIR_RGB);
+  const unsigned char* out = stbir_resize_uint8_linear(image.data.data(), w, h, 0, resized.data(),
+                                                       new_w, new_h, 0, STBIR_RGB);
   if (out == nullptr) throw std::runtime_error("stbir_resize_uint8_linear failed");
 
   RawImage result;
@@ -214,8 +213,8 @@ std::vector<Detection> postprocess(const xt::xtensor<float, 2>& predictions,
     if (!(score > conf_threshold)) continue;
     const float half_w = row[2] / 2.0f;
     const float half_h = row[3] / 2.0f;
-    table.insert(table.end(), {row[0] - half_w, row[1] - half_h, row[0] + half_w,
-                               row[1] + half_h, score, static_cast<float>(best)});
+    table.insert(table.end(), {row[0] - half_w, row[1] - half_h, row[0] + half_w, row[1] + half_h,
+                               score, static_cast<float>(best)});
   }
   if (table.empty()) return {};
 
@@ -252,10 +251,10 @@ std::vector<Detection> postprocess(const xt::xtensor<float, 2>& predictions,
 namespace {
 
 constexpr uint8_t kColorTable[20][3] = {
-    {4, 42, 255},    {11, 219, 235},  {243, 243, 243}, {0, 223, 183},   {17, 31, 104},
-    {255, 111, 221}, {255, 68, 79},   {204, 237, 0},   {0, 243, 68},    {189, 0, 255},
-    {0, 180, 255},   {221, 0, 186},   {0, 255, 255},   {38, 192, 0},    {1, 255, 179},
-    {125, 36, 255},  {123, 0, 104},   {255, 27, 108},  {252, 109, 47},  {162, 255, 11},
+    {4, 42, 255},    {11, 219, 235}, {243, 243, 243}, {0, 223, 183},  {17, 31, 104},
+    {255, 111, 221}, {255, 68, 79},  {204, 237, 0},   {0, 243, 68},   {189, 0, 255},
+    {0, 180, 255},   {221, 0, 186},  {0, 255, 255},   {38, 192, 0},   {1, 255, 179},
+    {125, 36, 255},  {123, 0, 104},  {255, 27, 108},  {252, 109, 47}, {162, 255, 11},
 };
 
 struct Canvas {
@@ -263,8 +262,12 @@ struct Canvas {
   int W;
   int H;
 
-  int clamp_x(int64_t v) const { return static_cast<int>(std::min<int64_t>(std::max<int64_t>(v, 0), W - 1)); }
-  int clamp_y(int64_t v) const { return static_cast<int>(std::min<int64_t>(std::max<int64_t>(v, 0), H - 1)); }
+  int clamp_x(int64_t v) const {
+    return static_cast<int>(std::min<int64_t>(std::max<int64_t>(v, 0), W - 1));
+  }
+  int clamp_y(int64_t v) const {
+    return static_cast<int>(std::min<int64_t>(std::max<int64_t>(v, 0), H - 1));
+  }
 
   uint8_t* at(int x, int y) const {
     return image.data.data() + (static_cast<size_t>(y) * static_cast<size_t>(W) + x) * 3u;
@@ -335,8 +338,9 @@ void draw_label_glyphs(const Canvas& cv, int ix1, int ty, const std::string& tex
   // 64 quads of 4 vertices of 16 bytes: longer labels lose their last segments.
   char vertices[4096];
   unsigned char white[4] = {255, 255, 255, 255};
-  const int quads = stb_easy_font_print(static_cast<float>(int64_t{ix1} + 1), static_cast<float>(ty - 9),
-                                        glyphs.data(), white, vertices, sizeof vertices);
+  const int quads =
+      stb_easy_font_print(static_cast<float>(int64_t{ix1} + 1), static_cast<float>(ty - 9),
+                          glyphs.data(), white, vertices, sizeof vertices);
   static const uint8_t kWhite[3] = {255, 255, 255};
   for (int q = 0; q < quads; ++q) {
     float v0[2];
@@ -354,8 +358,7 @@ void draw_label_glyphs(const Canvas& cv, int ix1, int ty, const std::string& tex
 }  // namespace
 
 void draw_detections(RawImage& image, const std::vector<Detection>& detections,
-                     const std::vector<std::string>& class_names, bool show_score,
-                     int thickness) {
+                     const std::vector<std::string>& class_names, bool show_score, int thickness) {
   require_rgb_buffer(image, "draw_detections()");
   if (image.width == 0 || image.height == 0) return;
   const Canvas cv{image, image.width, image.height};
