@@ -170,22 +170,23 @@ TEST(Preprocess, PacksPlanarRgbDividedBy255) {
   const std::string a = testimg::write(gradient, Format::Png, "grad.png");
   const std::string b = testimg::write(testimg::solid(10, 30, 255, 0, 0), Format::Bmp, "red.bmp");
 
-  const auto batch = yolo::preprocess({a, b}, {32, 32});
-  ASSERT_EQ(batch.shape(), (std::array<size_t, 4>{2, 3, 32, 32}));
+  // 31 x 31 = 961 pixels: both the 16-pixel steps and the single-pixel tail run.
+  const auto batch = yolo::preprocess({a, b}, {31, 31});
+  ASSERT_EQ(batch.shape(), (std::array<size_t, 4>{2, 3, 31, 31}));
 
   // Image 0: the letterboxed bytes, channel by channel, each divided by 255.0f.
-  const auto boxed = yolo::letterbox(yolo::RawImage(a), {32, 32}, 114);
+  const auto boxed = yolo::letterbox(yolo::RawImage(a), {31, 31}, 114);
   for (int c = 0; c < 3; ++c)
-    for (int y = 0; y < 32; ++y)
-      for (int x = 0; x < 32; ++x)
+    for (int y = 0; y < 31; ++y)
+      for (int x = 0; x < 31; ++x)
         ASSERT_EQ(batch(0, c, y, x), static_cast<float>(pixel(boxed, x, y)[c]) / 255.0f);
 
-  // Image 1: red 10x30 becomes 11x32 centred at column 10 (r = 32/30).
+  // Image 1: red 10x30 becomes 10x31 at columns 10..19 (r = 31/30).
   EXPECT_EQ(batch(1, 0, 16, 15), 1.0f);
   EXPECT_EQ(batch(1, 1, 16, 15), 0.0f);
   EXPECT_EQ(batch(1, 2, 16, 15), 0.0f);
   EXPECT_EQ(batch(1, 1, 16, 0), 114 / 255.0f);
-  EXPECT_EQ(batch(1, 0, 16, 31), 114 / 255.0f);
+  EXPECT_EQ(batch(1, 0, 16, 20), 114 / 255.0f);
 }
 
 TEST(Preprocess, ShapeIsBatchChannelsHeightWidth) {

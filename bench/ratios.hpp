@@ -1,0 +1,56 @@
+#pragma once
+// A benchmark main that, after the usual console output, prints each named
+// pair's ratio of real time per iteration, both measured in the same run (the
+// machines are noisy, so only same-run ratios are quoted).
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace benchratio {
+
+struct Pair {
+  std::string subject;
+  std::string baseline;
+  double target;  // the ratio the subject should stay within (0: none)
+};
+
+class CollectingReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& r : runs) {
+      if (r.run_type == Run::RT_Iteration && !r.error_occurred) {
+        times_[r.benchmark_name()] = r.GetAdjustedRealTime();
+      }
+    }
+    ConsoleReporter::ReportRuns(runs);
+  }
+  const std::map<std::string, double>& times() const { return times_; }
+
+ private:
+  std::map<std::string, double> times_;
+};
+
+inline int run(int argc, char** argv, const std::vector<Pair>& pairs) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  CollectingReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+  std::printf("\nRatios (same run, real time per iteration):\n");
+  for (const Pair& p : pairs) {
+    const auto s = reporter.times().find(p.subject);
+    const auto b = reporter.times().find(p.baseline);
+    if (s == reporter.times().end() || b == reporter.times().end()) continue;
+    std::printf("  %-40s / %-32s = %6.2f", p.subject.c_str(), p.baseline.c_str(),
+                s->second / b->second);
+    if (p.target > 0) std::printf("   (target <= %.1f)", p.target);
+    std::printf("\n");
+  }
+  return 0;
+}
+
+}  // namespace benchratio
