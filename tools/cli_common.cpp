@@ -1,24 +1,29 @@
 #include "cli_common.hpp"
 
+#include <charconv>
 #include <fstream>
 #include <iomanip>
 #include <iostream>
-#include <regex>
 
 namespace cli {
 
 std::array<int, 2> parse_size(const std::string& text, const std::string& option) {
-  static const std::regex pattern("([0-9]{1,6})[xX]([0-9]{1,6})");
-  std::smatch m;
-  if (!std::regex_match(text, m, pattern)) {
-    throw std::runtime_error(option + " expects WIDTHxHEIGHT (e.g. 640x640), got '" + text + "'");
+  const auto bad = [&] {
+    return std::runtime_error(
+        option + " expects WIDTHxHEIGHT with positive sides (e.g. 640x640), got '" + text + "'");
+  };
+  const size_t x = text.find_first_of("xX");
+  if (x == std::string::npos) throw bad();
+  std::array<int, 2> size{};
+  const char* begin = text.data();
+  const char* end = begin + text.size();
+  const auto w = std::from_chars(begin, begin + x, size[0]);
+  const auto h = std::from_chars(begin + x + 1, end, size[1]);
+  if (w.ec != std::errc() || w.ptr != begin + x || h.ec != std::errc() || h.ptr != end ||
+      size[0] <= 0 || size[1] <= 0) {
+    throw bad();
   }
-  const int w = std::stoi(m[1].str());
-  const int h = std::stoi(m[2].str());
-  if (w <= 0 || h <= 0) {
-    throw std::runtime_error(option + " needs a positive width and height, got '" + text + "'");
-  }
-  return {w, h};
+  return size;
 }
 
 void require_file(const std::string& path) {
