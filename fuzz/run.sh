@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer harnesses with clang (ASan + UBSan, float-cast-overflow
+# included), makes the seed corpora and runs every harness for SECONDS each.
+# Usage: fuzz/run.sh BUILD_DIR [SECONDS]. Fails on any crash, leak, UB report
+# or timeout; prints each harness's executions.
+set -euo pipefail
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+build=${1:-$root/build/fuzz}
+seconds=${2:-60}
+case "$build" in /*) ;; *) build="$root/$build" ;; esac
+
+CC=clang CXX=clang++ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release \
+  -DVEMOPROC_BUILD_FUZZ=ON -DVEMOPROC_SANITIZE=address,undefined \
+  -DVEMOPROC_MAX_IMAGE_DIMENSION=4096 \
+  -DVEMOPROC_BUILD_TESTS=OFF -DVEMOPROC_BUILD_BENCH=OFF -DVEMOPROC_BUILD_TOOLS=OFF >/dev/null
+cmake --build "$build" -j"$(nproc)"
+
+corpus="$build/corpus"
+artifacts="$build/artifacts"
+mkdir -p "$corpus" "$artifacts"
+"$build/fuzz/make_corpus" "$corpus/seeds-images" >/dev/null
+
+export ASAN_OPTIONS=detect_leaks=1:halt_on_error=1:abort_on_error=1
+export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
+status=0
+summary=""
+for harness in $(cd "$build/fuzz" && ls fuzz_* | sort); do
+  mkdir -p "$corpus/$harness"
+  seeds=()
+  [ "$harness" = fuzz_image_loaders ] && seeds=("$corpus/seeds-images")
+  log="$build/$harness.log"
+  echo "== $harness (${seconds}s)"
+  if "$build/fuzz/$harness" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=3072 \
+       -print_final_stats=1 -artifact_prefix="$artifacts/$harness-" \
+       "$corpus/$harness" "${seeds[@]}" >"$log" 2>&1; then
+    execs=$(grep -m1 'stat::number_of_executed_units' "$log" | awk '{print $2}')
+    summary+="$harness: ${execs:-?} executions in ${seconds}s"$'\n'
+  else
+    status=1
+    summary+="$harness: FAILED (see $log)"$'\n'
+    tail -n 40 "$log"
+  fi
+done
+printf '\n%s' "$summary"
+exit $status
