@@ -8,3 +8,40 @@ cd "$work"
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
 "$exe" --help >/dev/null || fail "--help"
+
+# Compares the bytes a command writes with the expected bytes (printf format).
+expect_out() {
+  local want=$1
+  shift
+  "$@" >got
+  printf "$want" >want
+  cmp -s got want || fail "$* wrote $(od -An -c got | tr -s ' '), expected $(od -An -c want | tr -s ' ')"
+}
+
+# "Hello," then " w": the first line is the prompt and is skipped, the leading
+# space of " w" is stripped, the empty line ends the generation.
+printf '72 101 108 108 111 44\n32 119\n\n' >ids.txt
+expect_out 'w\n' "$exe" stream ids.txt
+expect_out 'w\n' "$exe" stream - <ids.txt
+# Printing the prompt: the comma is held back (a flush with nothing written),
+# then written with the next step; end() adds the line feed.
+expect_out '|Hello, w|\n|' "$exe" stream --show-prompt --flush-marker '|' ids.txt
+
+# A two-byte character split across steps is held as U+FFFD, a line end starts
+# a new segment that keeps its leading spaces, and the end of the input ends the
+# generation. A second generation skips its own prompt line again.
+printf '1\n99 97 102 195\n169 44\n32 110 111 116 10\n32 32 104 105\n\n\n65\n32 66\n' >utf8.txt
+expect_out '||caf\303\251, not\n|  hi|\n|B|\n|' "$exe" stream --flush-marker '|' utf8.txt
+printf '1\n32 32 66\n' >spaces.txt
+expect_out 'B\n' "$exe" stream spaces.txt
+expect_out '  B\n' "$exe" stream --keep-leading-space spaces.txt
+
+# Bad input: one-line errors, exit status 1.
+for bad in '300' '-1' '7x' '0x41'; do
+  if printf '1\n%s\n' "$bad" | "$exe" stream 2>err >/dev/null; then fail "accepted '$bad'"; fi
+  grep -q "^vemoproc: error: stream: line 2: '$bad' is not a byte value (0 to 255)$" err ||
+    fail "message for '$bad': $(cat err)"
+done
+if "$exe" stream missing.txt 2>err; then fail "missing file accepted"; fi
+grep -q 'no such file: missing.txt' err || fail "missing file message: $(cat err)"
+echo "cli_stream: ok"

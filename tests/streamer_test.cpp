@@ -1,3 +1,272 @@
 #include <gtest/gtest.h>
 
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <streambuf>
+#include <string>
+#include <vector>
+
 #include "streamer.hpp"
+
+namespace {
+
+// Decodes by concatenating a fixed string per id; a whole cache listed in
+// `whole` decodes to its own text instead (a decode that rewrites earlier
+// text, as real tokenizers do). Records every cache it is asked to decode.
+class FakeTokenizer : public Tokenizer {
+ public:
+  std::map<int, std::string> pieces;
+  std::map<std::vector<int>, std::string> whole;
+  std::vector<std::vector<int>> calls;
+
+  std::string decode(const std::vector<int>& tokens) override {
+    calls.push_back(tokens);
+    const auto it = whole.find(tokens);
+    if (it != whole.end()) return it->second;
+    std::string text;
+    for (const int id : tokens) text += pieces.at(id);
+    return text;
+  }
+};
+
+// Keeps what is written and counts the flushes (each flush syncs the buffer).
+class CountingBuf : public std::streambuf {
+ public:
+  std::string text;
+  int syncs = 0;
+
+ protected:
+  int_type overflow(int_type c) override {
+    if (!traits_type::eq_int_type(c, traits_type::eof())) text += traits_type::to_char_type(c);
+    return traits_type::not_eof(c);
+  }
+  std::streamsize xsputn(const char* s, std::streamsize n) override {
+    text.append(s, static_cast<size_t>(n));
+    return n;
+  }
+  int sync() override {
+    ++syncs;
+    return 0;
+  }
+};
+
+class StreamerTest : public ::testing::Test {
+ protected:
+  FakeTokenizer tok;
+  CountingBuf buf;
+  std::ostream out{&buf};
+
+  // After each call: everything written so far and the number of flushes.
+  void expect(const std::string& text, int syncs) {
+    EXPECT_EQ(buf.text, text);
+    EXPECT_EQ(buf.syncs, syncs);
+  }
+};
+
+using Calls = std::vector<std::vector<int>>;
+
+TEST_F(StreamerTest, EachStepWritesOnlyTheNewTextAndFlushes) {
+  tok.pieces = {{1, "Hello"}, {2, " world"}, {3, "!"}};
+  TextStreamer s(tok, out, false);
+  s.put({1});
+  expect("Hello", 1);
+  s.put({2});
+  expect("Hello world", 2);
+  s.put({});  // an empty step decodes the same text: nothing new, still a flush
+  expect("Hello world", 3);
+  s.put({3});
+  expect("Hello world!", 4);
+  EXPECT_EQ(tok.calls, (Calls{{1}, {1, 2}, {1, 2}, {1, 2, 3}}));
+  s.end();
+  expect("Hello world!\n", 5);
+}
+
+TEST_F(StreamerTest, HoldBackCharactersWaitForTheNextStep) {
+  for (const char c : std::string(",.:;?")) {
+    SCOPED_TRACE(c);
+    FakeTokenizer t;
+    t.pieces = {{1, "Hi"}, {2, std::string(1, c)}, {3, " there"}};
+    CountingBuf b;
+    std::ostream o(&b);
+    TextStreamer s(t, o, false);
+    s.put({1});
+    s.put({2});  // held back, but flushed
+    EXPECT_EQ(b.text, "Hi");
+    EXPECT_EQ(b.syncs, 2);
+    s.put({3});
+    EXPECT_EQ(b.text, "Hi" + std::string(1, c) + " there");
+    EXPECT_EQ(b.syncs, 3);
+  }
+  // Other punctuation is written at once.
+  tok.pieces = {{1, "Hi"}, {2, "!"}, {3, "-"}};
+  TextStreamer s(tok, out, false);
+  s.put({1, 2});
+  s.put({3});
+  expect("Hi!-", 2);
+}
+
+TEST_F(StreamerTest, HeldTextIsWrittenByEndAndByALineEnd) {
+  tok.pieces = {{1, "Why"}, {2, "?"}, {3, "\n"}, {4, "Ok"}, {5, "."}};
+  TextStreamer s(tok, out, false);
+  s.put({1});
+  s.put({2});
+  s.put({2});
+  expect("Why", 3);
+  s.put({3});
+  expect("Why??\n", 4);
+  s.put({4});
+  s.put({5});
+  expect("Why??\nOk", 6);
+  s.end();
+  expect("Why??\nOk.\n", 7);
+}
+
+TEST_F(StreamerTest, ReplacementCharacterAtTheEndIsHeldBack) {
+  const std::string fffd = "\xEF\xBF\xBD";
+  tok.pieces = {{1, "caf"}, {2, "\xC3"}, {3, "\xA9"}, {4, "!"}};
+  tok.whole = {{{1, 2}, "caf" + fffd}, {{1, 2, 3, 4, 2}, "caf\xC3\xA9!" + fffd}};
+  TextStreamer s(tok, out, false);
+  s.put({1});
+  s.put({2});  // incomplete character: held back
+  expect("caf", 2);
+  s.put({3});  // completed on the next step
+  expect("caf\xC3\xA9", 3);
+  s.put({4, 2});
+  expect("caf\xC3\xA9", 4);
+  s.end();  // end() writes held text, replacement character included
+  expect("caf\xC3\xA9!" + fffd + "\n", 5);
+}
+
+TEST_F(StreamerTest, ReplacementCharacterTestNeedsThreeBytesAtTheEnd) {
+  tok.pieces = {{1, "\xBF\xBD"}, {2, "\xBD"}, {3, "\xEF\xBF\xBD"}, {4, "x"}};
+  {
+    TextStreamer s(tok, out, false);
+    s.put({1});  // 2 bytes: not a replacement character
+    expect("\xBF\xBD", 1);
+  }
+  {
+    TextStreamer s(tok, out, false);
+    s.put({2});  // 1 byte, then 2 bytes: both written
+    s.put({2});
+    expect("\xBF\xBD\xBD\xBD", 3);
+  }
+  {
+    TextStreamer s(tok, out, false);
+    s.put({3});  // exactly the 3 bytes: held
+    expect("\xBF\xBD\xBD\xBD", 4);
+    s.put({4});  // in the middle: written
+    expect("\xBF\xBD\xBD\xBD\xEF\xBF\xBDx", 5);
+  }
+}
+
+TEST_F(StreamerTest, LineEndStartsANewSegment) {
+  tok.pieces = {{1, "  one"}, {2, " two"}, {3, "\n"}, {4, " three"}};
+  TextStreamer s(tok, out, false);
+  s.put({1});
+  expect("one", 1);
+  s.put({2, 3});  // the rest, line feed included
+  expect("one two\n", 2);
+  s.put({4});  // fresh cache, print_len 0, leading space now kept
+  expect("one two\n three", 3);
+  EXPECT_EQ(tok.calls, (Calls{{1}, {1, 2, 3}, {4}}));
+  s.put({3});
+  s.put({1});
+  expect("one two\n three\n  one", 5);
+}
+
+TEST_F(StreamerTest, PromptIsDroppedAfterEnd) {
+  tok.pieces = {{1, "prompt"}, {2, " Answer"}, {3, "\n"}};
+  TextStreamer s(tok, out);  // skip_prompt defaults to true
+  s.put({1});
+  expect("", 0);
+  EXPECT_TRUE(tok.calls.empty());
+  s.put({2});
+  expect("Answer", 1);
+  s.put({3});
+  expect("Answer\n", 2);
+  s.end();  // empty cache: just a line feed
+  expect("Answer\n\n", 3);
+  EXPECT_EQ(tok.calls.back(), std::vector<int>{});
+
+  s.put({1});  // the next generation's prompt
+  expect("Answer\n\n", 3);
+  s.put({2});  // leading whitespace stripped again after end()
+  expect("Answer\n\nAnswer", 4);
+}
+
+TEST_F(StreamerTest, LeadingWhitespaceStripping) {
+  tok.pieces = {{1, "  ab"}, {2, "!"}, {3, " \t\n\v\f\r"}, {4, "\xC2\xA0x"}};
+  {
+    TextStreamer s(tok, out, false);
+    s.put({1});  // counts as "ab": 2 bytes
+    s.put({2});
+    expect("ab!", 2);
+  }
+  {
+    TextStreamer s(tok, out, false);
+    s.put({3});  // whitespace only: empty, no write, no flush, no new segment
+    expect("ab!", 2);
+    s.put({4});  // bytes above 0x7F are never whitespace
+    expect("ab!\xC2\xA0x", 3);
+    EXPECT_EQ(tok.calls.back(), (std::vector<int>{3, 4}));
+  }
+  {
+    TextStreamer s(tok, out, false, false);
+    s.put({1});
+    s.put({3});  // kept: ends in \r, not a line end
+    expect("ab!\xC2\xA0x  ab \t\n\v\f\r", 5);
+  }
+}
+
+TEST_F(StreamerTest, ShorterDecodeThrowsAndKeepsTheState) {
+  tok.pieces = {{1, "Hello"}, {2, " x"}, {3, "\n"}, {4, "y"}};
+  tok.whole = {{{1, 2}, "Hel"}, {{1, 2, 3}, "He\n"}, {{1, 2, 3, 4}, "Hello xy"}};
+  TextStreamer s(tok, out, false);
+  s.put({1});
+  EXPECT_THROW(s.put({2}), std::out_of_range);
+  EXPECT_THROW(s.put({3}), std::out_of_range);
+  expect("Hello", 1);
+  s.put({4});  // the cache kept every id, print_len is still 5
+  expect("Hello xy", 2);
+  EXPECT_EQ(tok.calls.back(), (std::vector<int>{1, 2, 3, 4}));
+
+  tok.whole[{1, 2, 3, 4}] = "short";
+  EXPECT_THROW(s.end(), std::out_of_range);
+  expect("Hello xy", 2);
+  tok.whole.erase({1, 2, 3, 4});
+  s.put({});  // end() failed before changing anything: no prompt skip, print_len 8
+  expect("Hello xyy", 3);
+}
+
+// A streamer written in the user's own program, driven through the interface
+// next to the library's one.
+class Collector : public BaseStreamer {
+ public:
+  std::vector<int> seen;
+  int ends = 0;
+  void put(const std::vector<int>& tokens) override {
+    seen.insert(seen.end(), tokens.begin(), tokens.end());
+  }
+  void end() override { ++ends; }
+};
+
+TEST_F(StreamerTest, UserCodeDerivesFromTheInterfaces) {
+  tok.pieces = {{1, "a"}, {2, "b"}};
+  std::vector<std::unique_ptr<BaseStreamer>> streamers;
+  streamers.push_back(std::make_unique<TextStreamer>(tok, out, false));
+  streamers.push_back(std::make_unique<Collector>());
+  for (auto& s : streamers) {
+    s->put({1});
+    s->put({2});
+    s->end();
+  }
+  expect("ab\n", 3);
+  ASSERT_NE(dynamic_cast<TextStreamer*>(streamers[0].get()), nullptr);
+  const auto* c = dynamic_cast<Collector*>(streamers[1].get());
+  ASSERT_NE(c, nullptr);
+  EXPECT_EQ(c->seen, (std::vector<int>{1, 2}));
+  EXPECT_EQ(c->ends, 1);
+}
+
+}  // namespace

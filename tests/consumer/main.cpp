@@ -1,11 +1,18 @@
 // A program outside the tree using the installed library: writes a PNG with
 // the exported stb writer, then runs it through each family.
 #include <cstdio>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "stb_image_write.h"
+#include "streamer.hpp"
 #include "yolo.hpp"
+
+// A tokenizer defined outside the library: id = byte value.
+struct ByteTokenizer : Tokenizer {
+  std::string decode(const std::vector<int>& ids) override { return {ids.begin(), ids.end()}; }
+};
 
 int main() {
   const std::string path = "consumer-input.png";
@@ -18,6 +25,14 @@ int main() {
   xt::xtensor<float, 2> head = {{32, 32, 10, 10, 0.9f, 0.1f}};
   const auto dets = yolo::postprocess(head, {64, 64}, {16, 32}, 0.25f, 0.45f, 10);
   if (dets.size() != 1 || dets[0].class_id != 0) return 3;
+
+  ByteTokenizer tokenizer;
+  std::ostringstream streamed;
+  TextStreamer streamer(tokenizer, streamed, false);
+  streamer.put({'H', 'i', ','});
+  streamer.put({' ', 'y', 'o'});
+  streamer.end();
+  if (streamed.str() != "Hi, yo\n") return 4;
 
   std::remove(path.c_str());
   std::puts("consumer: ok");
