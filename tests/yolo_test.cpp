@@ -345,8 +345,8 @@ TEST(DrawDetections, HostileBoxesAndLabelsStayInsideTheImage) {
                         {{nan, nan, nan, nan, nan, 3},
                          {-inf, -1e30f, inf, 1e30f, 1, 7},
                          {-50, 5, 10, 20, 1, 2},
-                         {5, 5, 1, 1, 1, 0}},
-                        {std::string(300, 'W'), "caf\xc3\xa9\n\x01"}, true, 1 << 30);
+                         {5, 5, 1, 1, 1, 1}},
+                        {std::string(300, 'W'), "caf\xc3\xa9\n\x01\x7f"}, true, 1 << 30);
   EXPECT_EQ(im.data.size(), 40u * 30 * 3);
 
   yolo::RawImage empty;

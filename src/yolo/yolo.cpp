@@ -328,12 +328,12 @@ void draw_label_bar(const Canvas& cv, int ix1, int ty, size_t text_len, const ui
 }
 
 void draw_label_glyphs(const Canvas& cv, int ix1, int ty, const std::string& text) {
-  // The font indexes its tables by (byte - 32): bytes outside its 32..127
-  // range, other than line feeds, are drawn as '?'.
+  // The font indexes its tables by (byte - 32) and reads one entry past each
+  // character: bytes outside 32..126, other than line feeds, are drawn as '?'.
   std::string glyphs = text;
   for (char& ch : glyphs) {
     const auto u = static_cast<unsigned char>(ch);
-    if (ch != '\n' && (u < 32 || u > 127)) ch = '?';
+    if (ch != '\n' && (u < 32 || u > 126)) ch = '?';
   }
   // 64 quads of 4 vertices of 16 bytes: longer labels lose their last segments.
   char vertices[4096];
