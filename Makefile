@@ -7,9 +7,10 @@ PREFIX    ?= /usr/local
 
 RELEASE := $(BUILD)/release
 SANITIZE := $(BUILD)/asan
+THREAD := $(BUILD)/tsan
 CMAKE_COMMON := -DCMAKE_BUILD_TYPE=Release
 
-.PHONY: all setup build test test-release test-sanitize demo bench fuzz install format clean
+.PHONY: all setup build test test-release test-sanitize test-thread ci demo bench fuzz install format clean
 
 all: build
 
@@ -34,6 +35,20 @@ test-sanitize: setup
 	ASAN_OPTIONS=detect_leaks=1:halt_on_error=1:abort_on_error=1 \
 	UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
 	  ctest --test-dir $(SANITIZE) --output-on-failure -j$(JOBS)
+
+# The suite under ThreadSanitizer; the concurrency tests call every family from
+# 8 threads at once. This build also caps decoded images at 8192 pixels a side
+# so the cap's own test runs.
+test-thread: setup
+	cmake -S . -B $(THREAD) $(CMAKE_COMMON) -DVEMOPROC_SANITIZE=thread \
+	  -DVEMOPROC_MAX_IMAGE_DIMENSION=8192 -DVEMOPROC_BUILD_BENCH=OFF >/dev/null
+	cmake --build $(THREAD) -j$(JOBS)
+	TSAN_OPTIONS=halt_on_error=1 ctest --test-dir $(THREAD) --output-on-failure -j$(JOBS)
+
+# What CI runs: the test command, the ThreadSanitizer suite and a short fuzz
+# smoke run of every harness.
+ci: test test-thread
+	bash fuzz/run.sh $(BUILD)/fuzz 20
 
 demo: build
 	$(RELEASE)/tools/vemoproc demo

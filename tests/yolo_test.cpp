@@ -106,6 +106,16 @@ TEST(RawImageLoad, UnreadableFilesNameThePath) {
   EXPECT_EQ(error_of([&] { yolo::RawImage im(junk); }), "stbi_load failed for: " + junk);
 }
 
+TEST(RawImageLoad, ImagesOverTheBuildsSizeCapAreRefused) {
+  constexpr long cap = VEMOPROC_TEST_MAX_DIMENSION;
+  if (cap > 65536) GTEST_SKIP() << "cap " << cap << " too large to test cheaply";
+  const int side = static_cast<int>(cap);
+  const std::string at_cap = testimg::write(testimg::solid(side, 1, 5, 5, 5), Format::Png, "cap.png");
+  EXPECT_EQ(yolo::RawImage(at_cap).width, side);
+  const std::string over = testimg::write(testimg::solid(1, side + 1, 5, 5, 5), Format::Png, "over.png");
+  EXPECT_EQ(error_of([&] { yolo::RawImage im(over); }), "stbi_load failed for: " + over);
+}
+
 // --- Letterbox -----------------------------------------------------------------
 
 TEST(Letterbox, SameWidthPadsTopAndBottom) {
