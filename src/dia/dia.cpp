@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <numeric>
 #include <random>
@@ -200,25 +201,23 @@ namespace {
 // One gather and one selection over the block:
 // out[i] = t < lo ? below : (t >= hi ? above : audio[gather[i]]), t = time_index[i].
 // The pair is checked against the block first, so the gather never reads
-// outside it.
+// outside it. Its offsets are ints, so a block of more than INT_MAX elements
+// cannot match any pair.
 xt::xarray<float> shift_block(const char* function, const xt::xarray<float>& audio,
-                              const IndexPair& pair, int64_t lo, float below, int64_t hi,
-                              float above) {
+                              const IndexPair& pair, int lo, float below, int hi, float above) {
   const auto& time_index = std::get<0>(pair);
   const auto& gather = std::get<1>(pair);
-  if (audio.dimension() != 3) throw error(function, "audio must be a [B, T, C] block");
   const size_t n = audio.size();
-  if (time_index.shape() != audio.shape() || gather.size() != n) {
+  if (time_index.shape() != audio.shape() || gather.size() != n ||
+      n > static_cast<size_t>(kIntMax)) {
     throw error(function, "precomputed indices do not match the audio shape");
   }
+  // Negative offsets read as huge unsigned values, so one maximum checks both
+  // ends (a separate pass that vectorises, leaving the gather loop lean).
   const int* g = gather.data();
-  int lowest = kIntMax;
-  int highest = kIntMin;
-  for (size_t i = 0; i < n; ++i) {
-    lowest = std::min(lowest, g[i]);
-    highest = std::max(highest, g[i]);
-  }
-  if (n != 0 && (lowest < 0 || static_cast<size_t>(highest) >= n)) {
+  uint32_t highest = 0;
+  for (size_t i = 0; i < n; ++i) highest = std::max(highest, static_cast<uint32_t>(g[i]));
+  if (n != 0 && highest >= n) {
     throw error(function, "precomputed indices do not match the audio shape");
   }
 
@@ -227,26 +226,33 @@ xt::xarray<float> shift_block(const char* function, const xt::xarray<float>& aud
   const float* a = audio.data();
   float* o = out.data();
   for (size_t i = 0; i < n; ++i) {
-    const float v = a[g[i]];
+    const float v = a[static_cast<uint32_t>(g[i])];
     o[i] = t[i] < lo ? below : (t[i] >= hi ? above : v);
   }
   return out;
+}
+
+void require_block(const char* function, const xt::xarray<float>& audio) {
+  if (audio.dimension() != 3) throw error(function, "audio must be a [B, T, C] block");
 }
 
 }  // namespace
 
 xt::xarray<float> DiaPreprocessor::applyAudioDelay(const xt::xarray<float>& audio, float pad_value,
                                                    float bos_value, const IndexPair& precomputed) {
+  require_block("applyAudioDelay()", audio);
   // The BOS test comes first: a source frame before 0 is BOS even if the
-  // block is shorter than the pair expects.
-  const int64_t frames = audio.dimension() == 3 ? static_cast<int64_t>(audio.shape(1)) : 0;
+  // block is shorter than the pair expects. (Frame counts past INT_MAX fail
+  // the pair check, so the saturated bound is never used.)
+  const int frames = static_cast<int>(std::min<size_t>(audio.shape(1), kIntMax));
   return shift_block("applyAudioDelay()", audio, precomputed, 0, bos_value, frames, pad_value);
 }
 
 xt::xarray<float> DiaPreprocessor::revertAudioDelay(const xt::xarray<float>& audio, float pad_value,
                                                     const IndexPair& precomputed, int T) {
-  return shift_block("revertAudioDelay()", audio, precomputed, std::numeric_limits<int64_t>::min(),
-                     pad_value, T, pad_value);
+  require_block("revertAudioDelay()", audio);
+  // No lower test: no int is below INT_MIN.
+  return shift_block("revertAudioDelay()", audio, precomputed, kIntMin, pad_value, T, pad_value);
 }
 
 // ---------------------------------------------------------------------------
@@ -302,125 +308,198 @@ std::pair<xt::xarray<int>, int> DiaPreprocessor::prepareAudioPrompt(
 // draw. Entries outside the candidate set stand for -inf: their exp is exactly
 // 0, so a softmax over the candidates in index order gives the same float sum
 // and the same probabilities as one over the whole row. Only as much of the
-// row is ordered as each filter needs.
+// row is ordered as each filter needs, and with top-k on, no row-sized buffer
+// is allocated at all.
 
 namespace {
 
+// A token of one row: its scaled score (or probability) and its index.
 struct Scored {
   float value;
   int index;
 };
+using Candidates = std::vector<Scored>;  // ascending index
 
-// Scaled scores must be ordered and have a softmax: no NaN, finite maximum.
-void require_finite_maximum(const std::vector<float>& row, size_t r) {
-  bool nan = false;
-  float maximum = -std::numeric_limits<float>::infinity();
-  for (float v : row) {
-    nan |= std::isnan(v);
-    maximum = v > maximum ? v : maximum;
-  }
-  if (nan || !std::isfinite(maximum)) {
-    throw std::runtime_error("sampleNextToken(): logits row " + std::to_string(r) +
-                             " holds NaN or has no finite maximum after temperature scaling");
-  }
+const auto kHigher = [](const Scored& a, const Scored& b) { return a.value > b.value; };
+
+std::runtime_error no_distribution(size_t r) {
+  return std::runtime_error("sampleNextToken(): logits row " + std::to_string(r) +
+                            " holds NaN or has no finite maximum after temperature scaling");
 }
 
-std::vector<int> ascending_indices(const std::vector<Scored>& entries) {
-  std::vector<int> out(entries.size());
-  std::transform(entries.begin(), entries.end(), out.begin(),
-                 [](const Scored& e) { return e.index; });
-  std::sort(out.begin(), out.end());
-  return out;
-}
-
-// The top_k highest scores; ties at the boundary go either way, as with an
-// unstable sort. Small k: one pass with a min-heap of the best seen so far;
-// otherwise a selection over the whole row.
-std::vector<int> top_k_candidates(const std::vector<float>& row, size_t k) {
-  const auto higher = [](const Scored& a, const Scored& b) { return a.value > b.value; };
-  std::vector<Scored> best;
-  if (k * 8 <= row.size()) {
-    best.reserve(k);
-    for (size_t i = 0; i < row.size(); ++i) {
-      if (best.size() < k) {
-        best.push_back({row[i], static_cast<int>(i)});
-        std::push_heap(best.begin(), best.end(), higher);
-      } else if (row[i] > best.front().value) {
-        std::pop_heap(best.begin(), best.end(), higher);
-        best.back() = {row[i], static_cast<int>(i)};
-        std::push_heap(best.begin(), best.end(), higher);
-      }
+// Hands the scaled scores x[i] / temperature of row r to visit(block, first,
+// count) a block at a time: a small buffer keeps the division vectorised
+// without a row-sized allocation. A NaN is rejected before any ordering sees
+// it. (The maximum is checked on the candidates, which always hold it.)
+template <class Visit>
+void scan_scaled(const float* x, size_t V, float temperature, size_t r, Visit visit) {
+  constexpr size_t kBlock = 1024;
+  float block[kBlock];
+  for (size_t first = 0; first < V; first += kBlock) {
+    const size_t count = std::min(kBlock, V - first);
+    int nan = 0;  // an int flag keeps the loop vectorisable
+    for (size_t i = 0; i < count; ++i) {
+      block[i] = x[first + i] / temperature;
+      nan |= block[i] != block[i] ? 1 : 0;
     }
-  } else {
-    best.resize(row.size());
-    for (size_t i = 0; i < row.size(); ++i) best[i] = {row[i], static_cast<int>(i)};
-    std::nth_element(best.begin(), best.begin() + static_cast<ptrdiff_t>(k) - 1, best.end(),
-                     higher);
-    best.resize(k);
+    if (nan != 0) throw no_distribution(r);
+    visit(block, first, count);
   }
-  return ascending_indices(best);
 }
 
-// Softmax restricted to the candidates (ascending indices): m = maximum,
-// e = exp(s - m) in float, float sum in index order, p = e / sum.
-std::vector<float> softmax(const std::vector<float>& row, const std::vector<int>& candidates) {
+float maximum_of(const Candidates& c) {
   float maximum = -std::numeric_limits<float>::infinity();
-  for (int i : candidates) maximum = row[i] > maximum ? row[i] : maximum;
-  std::vector<float> p(candidates.size());
+  for (const Scored& e : c) maximum = e.value > maximum ? e.value : maximum;
+  return maximum;
+}
+
+void sort_by_index(Candidates& c) {
+  std::sort(c.begin(), c.end(), [](const Scored& a, const Scored& b) { return a.index < b.index; });
+}
+
+// The whole scaled row, or only its top_k highest scores (top_k < V); ties at
+// the boundary go either way, as with an unstable sort. Small top_k: one pass
+// keeping a min-heap of the best seen so far; otherwise a selection.
+Candidates scaled_candidates(const float* x, size_t V, float temperature, size_t top_k, size_t r) {
+  Candidates kept;
+  if (top_k < V && top_k * 8 <= V) {
+    kept.reserve(top_k);
+    // lowest: the smallest kept score once the heap is full; a score must beat
+    // it to enter. Held in a local per block so the scan stays in registers.
+    float lowest = std::numeric_limits<float>::infinity();
+    scan_scaled(x, V, temperature, r, [&](const float* s, size_t first, size_t count) {
+      size_t i = 0;
+      for (; i < count && kept.size() < top_k; ++i) {
+        kept.push_back({s[i], static_cast<int>(first + i)});
+        std::push_heap(kept.begin(), kept.end(), kHigher);
+        if (kept.size() == top_k) lowest = kept.front().value;
+      }
+      float floor = lowest;
+      for (; i < count; ++i) {
+        if (s[i] > floor) {
+          std::pop_heap(kept.begin(), kept.end(), kHigher);
+          kept.back() = {s[i], static_cast<int>(first + i)};
+          std::push_heap(kept.begin(), kept.end(), kHigher);
+          floor = kept.front().value;
+        }
+      }
+      lowest = floor;
+    });
+    sort_by_index(kept);
+    return kept;
+  }
+  // Fields are written one by one: building each pair on the stack and
+  // copying it stalls store forwarding.
+  kept.resize(V);
+  scan_scaled(x, V, temperature, r, [&](const float* s, size_t first, size_t count) {
+    for (size_t i = 0; i < count; ++i) {
+      kept[first + i].value = s[i];
+      kept[first + i].index = static_cast<int>(first + i);
+    }
+  });
+  if (top_k < V) {
+    std::nth_element(kept.begin(), kept.begin() + static_cast<ptrdiff_t>(top_k) - 1, kept.end(),
+                     kHigher);
+    kept.resize(top_k);
+    sort_by_index(kept);
+  }
+  return kept;
+}
+
+// Softmax over the candidates: m = maximum, e = exp(s - m) in float, float sum
+// in index order, p = e / sum.
+std::vector<float> softmax(const Candidates& c) {
+  const float maximum = maximum_of(c);
+  std::vector<float> p(c.size());
   float sum = 0.0f;
-  for (size_t j = 0; j < candidates.size(); ++j) {
-    p[j] = std::exp(row[candidates[j]] - maximum);
+  for (size_t j = 0; j < c.size(); ++j) {
+    p[j] = std::exp(c[j].value - maximum);
     sum += p[j];
   }
   for (float& v : p) v /= sum;
   return p;
 }
 
+// Moves to the front of `order` every token of the probability buckets that
+// together carry more than top_p, and returns their count. Buckets are the
+// top bits of the float (exponent and three mantissa bits), which order
+// positive floats, so the front is exactly the most probable tokens, in no
+// particular order. One counting pass and one partition replace repeated
+// selections when the nucleus holds thousands of tokens.
+size_t gather_nucleus(std::vector<Scored>& order, float top_p) {
+  constexpr int kShift = 20;
+  const auto bucket = [](float p) {
+    uint32_t bits = 0;
+    std::memcpy(&bits, &p, sizeof bits);
+    return bits >> kShift;
+  };
+  std::vector<double> mass(size_t{1} << (31 - kShift), 0.0);
+  for (const Scored& e : order) mass[bucket(e.value)] += e.value;
+  uint32_t lowest = 0;
+  double carried = 0.0;
+  for (size_t b = mass.size(); b-- > 0;) {
+    carried += mass[b];
+    if (carried > static_cast<double>(top_p)) {
+      lowest = static_cast<uint32_t>(b);
+      break;
+    }
+  }
+  const auto front = std::partition(order.begin(), order.end(),
+                                    [&](const Scored& e) { return bucket(e.value) >= lowest; });
+  return static_cast<size_t>(front - order.begin());
+}
+
 // Walks the candidates in descending probability with a float running sum;
 // from the first token (not the first visited) at which the sum strictly
-// exceeds top_p, that token and all after it are dropped. The descending
-// order is produced chunk by chunk (select the most probable rest, sort it),
-// so a short nucleus never sorts the whole row. Zero probabilities do not move
-// the sum: if it never exceeds top_p, every candidate stays.
-std::vector<int> top_p_candidates(const std::vector<int>& candidates, const std::vector<float>& p,
-                                  float top_p) {
-  std::vector<Scored> order;
-  order.reserve(candidates.size());
-  for (size_t j = 0; j < candidates.size(); ++j) {
-    if (p[j] > 0.0f) order.push_back({p[j], candidates[j]});
+// exceeds top_p, that token and all after it are dropped. Only the walked
+// prefix is ever sorted: first the estimated nucleus, then, should rounding
+// leave the sum short, further chunks selected from the rest. Zero
+// probabilities do not move the sum: if it never exceeds top_p, every
+// candidate stays.
+Candidates top_p_candidates(const Candidates& c, const std::vector<float>& p, float top_p) {
+  std::vector<Scored> order(c.size());  // (probability, position in c)
+  size_t positive = 0;
+  for (size_t j = 0; j < c.size(); ++j) {
+    if (p[j] > 0.0f) {
+      order[positive].value = p[j];
+      order[positive].index = static_cast<int>(j);
+      ++positive;
+    }
   }
-  const auto more_probable = [](const Scored& a, const Scored& b) { return a.value > b.value; };
+  order.resize(positive);
   float running = 0.0f;
   size_t begin = 0;
-  for (size_t chunk = 64; begin < order.size(); chunk *= 4) {
-    const auto first = order.begin() + static_cast<ptrdiff_t>(begin);
-    const size_t end = std::min(order.size(), begin + chunk);
-    const auto last = order.begin() + static_cast<ptrdiff_t>(end);
-    if (end < order.size()) std::nth_element(first, last, order.end(), more_probable);
-    std::sort(first, last, more_probable);
+  size_t end = gather_nucleus(order, top_p);
+  for (size_t chunk = std::max<size_t>(end, 64);; chunk *= 4) {
+    const auto at = [&](size_t k) { return order.begin() + static_cast<ptrdiff_t>(k); };
+    std::sort(at(begin), at(end), kHigher);
     for (size_t j = begin; j < end; ++j) {
       running += order[j].value;
       if (running > top_p && j != 0) {
-        order.resize(j);
-        return ascending_indices(order);
+        Candidates kept(j);
+        for (size_t k = 0; k < j; ++k) kept[k] = c[static_cast<size_t>(order[k].index)];
+        sort_by_index(kept);
+        return kept;
       }
     }
     begin = end;
+    if (begin == order.size()) return c;
+    end = std::min(order.size(), begin + chunk);
+    if (end < order.size()) std::nth_element(at(begin), at(end), order.end(), kHigher);
   }
-  return candidates;
 }
 
 // One draw from the candidates' weights with a freshly seeded engine.
 // Zero weights are left out of the table: they are never drawn (the standard
 // table would otherwise hand a trailing zero weight its rounding slack), and
 // a vocabulary-wide row then costs a table of the kept tokens only.
-int draw(const std::vector<int>& candidates, const std::vector<float>& p) {
+int draw(const Candidates& c, const std::vector<float>& p) {
   std::vector<float> weights;
   std::vector<int> tokens;
-  for (size_t j = 0; j < candidates.size(); ++j) {
+  for (size_t j = 0; j < c.size(); ++j) {
     if (p[j] > 0.0f) {
       weights.push_back(p[j]);
-      tokens.push_back(candidates[j]);
+      tokens.push_back(c[j].index);
     }
   }
   std::mt19937 engine = [] {
@@ -475,22 +554,16 @@ xt::xarray<int> DiaPreprocessor::sampleNextToken(const xt::xarray<float>& logits
   const size_t V = logits.shape(1);
   if (C != 0 && V == 0) throw std::runtime_error("sampleNextToken(): logits rows have no columns");
   // A top_k of V or more removes nothing.
-  const bool use_top_k = top_k >= 1 && static_cast<size_t>(top_k) < V;
+  const size_t keep = top_k >= 1 ? std::min(static_cast<size_t>(top_k), V) : V;
   const bool use_top_p = top_p < 1.0f;
 
   xt::xarray<int> result = xt::xarray<int>::from_shape({C});
-  std::vector<float> row(V);
-  std::vector<int> all(V);
-  std::iota(all.begin(), all.end(), 0);
   for (size_t r = 0; r < C; ++r) {
-    const float* x = logits.data() + r * V;
-    for (size_t i = 0; i < V; ++i) row[i] = x[i] / temperature;
-    require_finite_maximum(row, r);
-
-    std::vector<int> candidates =
-        use_top_k ? top_k_candidates(row, static_cast<size_t>(top_k)) : all;
-    if (use_top_p) candidates = top_p_candidates(candidates, softmax(row, candidates), top_p);
-    result(r) = draw(candidates, softmax(row, candidates));
+    Candidates candidates = scaled_candidates(logits.data() + r * V, V, temperature, keep, r);
+    // Without a finite maximum (all -inf, or +inf present) there is no softmax.
+    if (!std::isfinite(maximum_of(candidates))) throw no_distribution(r);
+    if (use_top_p) candidates = top_p_candidates(candidates, softmax(candidates), top_p);
+    result(r) = draw(candidates, softmax(candidates));
   }
   return result;
 }
