@@ -54,29 +54,21 @@ void BM_DelayBaselineMemcpy(benchmark::State& state) {
 }
 BENCHMARK(BM_DelayBaselineMemcpy);
 
-void BM_ApplyAudioDelay(benchmark::State& state) {
+// The index pair is built once, outside the timed loop, as callers do.
+void BM_ShiftAudioDelay(benchmark::State& state, bool revert) {
   dia::DiaPreprocessor dp;
   const auto codes = make_codes(kB, kT, kC);
-  const auto pair = dp.buildDelayIndices(kB, kT, kC, kDelays);
+  const auto pair = revert ? dp.buildRevertIndices(kB, kT, kC, kDelays)
+                           : dp.buildDelayIndices(kB, kT, kC, kDelays);
   for (auto _ : state) {
-    auto out = dp.applyAudioDelay(codes, 1025.0f, 1026.0f, pair);
+    auto out = revert ? dp.revertAudioDelay(codes, 1025.0f, pair, kT)
+                      : dp.applyAudioDelay(codes, 1025.0f, 1026.0f, pair);
     benchmark::DoNotOptimize(out.data());
   }
   set_bytes(state, codes.size() * sizeof(float));
 }
-BENCHMARK(BM_ApplyAudioDelay);
-
-void BM_RevertAudioDelay(benchmark::State& state) {
-  dia::DiaPreprocessor dp;
-  const auto codes = make_codes(kB, kT, kC);
-  const auto pair = dp.buildRevertIndices(kB, kT, kC, kDelays);
-  for (auto _ : state) {
-    auto out = dp.revertAudioDelay(codes, 1025.0f, pair, kT);
-    benchmark::DoNotOptimize(out.data());
-  }
-  set_bytes(state, codes.size() * sizeof(float));
-}
-BENCHMARK(BM_RevertAudioDelay);
+BENCHMARK_CAPTURE(BM_ShiftAudioDelay, apply, false);
+BENCHMARK_CAPTURE(BM_ShiftAudioDelay, revert, true);
 
 // --- sampling ---------------------------------------------------------------
 

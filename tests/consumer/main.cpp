@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "stb_image_write.h"
+#include "dia.hpp"
 #include "yolo.hpp"
 
 int main() {
@@ -18,6 +19,9 @@ int main() {
   xt::xtensor<float, 2> head = {{32, 32, 10, 10, 0.9f, 0.1f}};
   const auto dets = yolo::postprocess(head, {64, 64}, {16, 32}, 0.25f, 0.45f, 10);
   if (dets.size() != 1 || dets[0].class_id != 0) return 3;
+
+  dia::DiaPreprocessor dp;
+  if (dp.prepareTextInput("[S1]a", 0, 3) != xt::xarray<uint8_t>{{1, 'a', 0}}) return 4;
 
   std::remove(path.c_str());
   std::puts("consumer: ok");
