@@ -26,7 +26,8 @@ class VEMOPROC_API DiaPreprocessor {
 
   // One token per byte of `text`, with "[S1]" folded into 0x01 and "[S2]"
   // into 0x02, cut or padded with pad_value to max_len; shape [1, max_len].
-  // A negative max_len throws std::length_error.
+  // A negative max_len throws std::length_error. (A text of 2^31 bytes or
+  // more counts as longer than any max_len.)
   xt::xarray<uint8_t> prepareTextInput(const std::string& text, unsigned char pad_value,
                                        int max_len);
 

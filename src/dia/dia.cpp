@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
-#include <numeric>
 #include <random>
 #include <stdexcept>
 
@@ -281,8 +280,9 @@ std::pair<xt::xarray<int>, int> DiaPreprocessor::prepareAudioPrompt(
   // Tail frames of -1 (no code yet; neither pad nor BOS) for the delayed
   // channels to run into.
   const int64_t frames = prefill + max_delay;
-  if (frames > kIntMax)
-    throw error(kFn, "the block of prompt and delay frames exceeds the int range");
+  if (frames > kIntMax) {
+    throw error(kFn, "audio_prompt rows plus the largest delay exceed the int range");
+  }
   xt::xarray<int> tail = xt::xarray<int>::from_shape({static_cast<size_t>(max_delay), C});
   tail.fill(-1);
   const xt::xarray<int> block = xt::concatenate(xt::xtuple(known, tail), 0);
