@@ -8,3 +8,81 @@ cd "$work"
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
 "$exe" --help >/dev/null || fail "--help"
+
+# npy FILE DESCR SHAPE BYTES VALUE...: a version 1.0 .npy file whose elements
+# are BYTES-wide little-endian words (integers, or float bit patterns in hex).
+npy() {
+  local file=$1 descr=$2 shape=$3 width=$4
+  shift 4
+  local header="{'descr': '$descr', 'fortran_order': False, 'shape': $shape, }"
+  local pad=$(((64 - (10 + ${#header} + 1) % 64) % 64))
+  header="$header$(printf '%*s' "$pad" '')"
+  local len=$((${#header} + 1))
+  {
+    printf '\x93NUMPY\x01\x00'
+    printf "\\x$(printf %02x $((len & 255)))\\x$(printf %02x $((len >> 8)))"
+    printf '%s\n' "$header"
+    for v in "$@"; do
+      for ((b = 0; b < width; b++)); do printf "\\x$(printf %02x $(((v >> (8 * b)) & 255)))"; done
+    done
+  } >"$file"
+}
+# values FILE TYPE: the elements of an .npy file as od prints them (TYPE: d4, d8, f4).
+values() {
+  local hl
+  hl=$(od -An -t u2 -j 8 -N 2 "$1" | tr -d ' ')
+  od -An -v -t "$2" -j $((10 + hl)) "$1" | xargs
+}
+descr() { head -c 100 "$1" | grep -a -o "'descr': '[^']*'" | cut -d"'" -f4; }
+
+# dia-text: tags fold to 1 and 2, the rest is padded.
+out=$("$exe" dia-text "[S1] Hello [S2] Hi" --max-len 20 --pad 7)
+[ "$out" = "1 32 72 101 108 108 111 32 2 32 72 105 7 7 7 7 7 7 7 7" ] || fail "dia-text printed '$out'"
+"$exe" dia-text "[S2]abc" --max-len 3 -o tokens.npy
+[ "$(descr tokens.npy)" = "|u1" ] || fail "dia-text dtype $(descr tokens.npy)"
+[ "$(values tokens.npy u1)" = "2 97 98" ] || fail "dia-text wrote $(values tokens.npy u1)"
+
+# dia-delay on int32 [1, 4, 2] codes: channel 1 is delayed by 2 frames.
+npy codes.npy '<i4' '(1, 4, 2)' 4 10 20 11 21 12 22 13 23
+"$exe" dia-delay codes.npy --delays 0,2 --bos 99 --pad 98 -o delayed.npy
+[ "$(descr delayed.npy)" = "<i4" ] || fail "dia-delay changed the dtype to $(descr delayed.npy)"
+[ "$(values delayed.npy d4)" = "10 99 11 99 12 20 13 21" ] || fail "delay: $(values delayed.npy d4)"
+"$exe" dia-delay delayed.npy --delays 0,2 --pad 98 --revert -o reverted.npy
+[ "$(values reverted.npy d4)" = "10 20 11 21 12 21 13 21" ] || fail "revert: $(values reverted.npy d4)"
+
+# int64 and float32 blocks keep their element type.
+npy codes64.npy '<i8' '(1, 2, 2)' 8 -5 6 7 8
+"$exe" dia-delay codes64.npy --delays 1,0 --bos -1 --pad 0 -o delayed64.npy
+[ "$(descr delayed64.npy)" = "<i8" ] || fail "int64 became $(descr delayed64.npy)"
+[ "$(values delayed64.npy d8)" = "-1 6 -5 8" ] || fail "int64 delay: $(values delayed64.npy d8)"
+# 1.0, 2.0, 3.0, 4.0 as float bits
+npy codesf.npy '<f4' '(1, 2, 2)' 4 0x3f800000 0x40000000 0x40400000 0x40800000
+"$exe" dia-delay codesf.npy --delays 0,1 --bos 9 --pad 8 -o delayedf.npy
+[ "$(descr delayedf.npy)" = "<f4" ] || fail "float32 became $(descr delayedf.npy)"
+[ "$(values delayedf.npy f4 | tr -s ' ')" = "1 9 3 2" ] || fail "float delay: $(values delayedf.npy f4)"
+
+# Usage errors: one line on stderr, exit status 1.
+expect_error() {
+  local pattern=$1
+  shift
+  if "$exe" "$@" 2>err.txt; then fail "accepted: $*"; fi
+  grep -q -- "$pattern" err.txt || fail "'$*' said: $(cat err.txt)"
+}
+expect_error "3 entries" dia-delay codes.npy --delays 0,1,2 --bos 1 --pad 0 -o x.npy
+expect_error "--bos is required" dia-delay codes.npy --delays 0,1 --pad 0 -o x.npy
+expect_error "comma-separated" dia-delay codes.npy --delays 0,x --bos 1 --pad 0 -o x.npy
+expect_error "no such file" dia-delay missing.npy --delays 0 --bos 1 --pad 0 -o x.npy
+npy u16.npy '<u2' '(1, 1, 1)' 2 1
+expect_error "expected int32" dia-delay u16.npy --delays 0 --bos 1 --pad 0 -o x.npy
+
+# dia-sample: greedy, and top-k 1, both pick each row's best code.
+# rows [0, 5, 1] and [2, 0, 1]
+npy logits.npy '<f4' '(2, 3)' 4 0 0x40a00000 0x3f800000 0x40000000 0 0x3f800000
+[ "$("$exe" dia-sample logits.npy --temperature 0 | xargs)" = "1 0" ] || fail "greedy sample"
+[ "$("$exe" dia-sample logits.npy --top-k 1 | xargs)" = "1 0" ] || fail "top-k 1 sample"
+for _ in 1 2 3 4 5; do
+  code=$("$exe" dia-sample logits.npy --top-k 2 --top-p 1 | head -1)
+  [ "$code" = 1 ] || [ "$code" = 2 ] || fail "top-k 2 drew $code from row 0"
+done
+expect_error "logits must be two-dimensional" dia-sample codes.npy
+echo "cli_dia: ok"

@@ -55,5 +55,5 @@ expect_error() {
 expect_error "no such file: missing.png" yolo-preprocess missing.png -o x.npy
 expect_error "WIDTHxHEIGHT" yolo-preprocess --size 640 scene.png -o x.npy
 expect_error "layout cn" yolo-postprocess head_cn.npy --input-size 640x640 --image scene.png
-expect_error "not a .npy" yolo-postprocess scene.png --input-size 640x640 --image scene.png
+expect_error "is not an .npy file" yolo-postprocess scene.png --input-size 640x640 --image scene.png
 echo "cli_yolo: ok"

@@ -30,6 +30,11 @@ void write_npy(const std::string& path, const E& tensor) {
   }
 }
 
+// The element type of an .npy file, as its header's descr (e.g. "<i4");
+// throws a one-line std::runtime_error naming the file when it is missing or
+// not an .npy file.
+std::string npy_descr(const std::string& path);
+
 // Reads a .npy of float32, float64, int32 or int64 elements as float; throws a
 // one-line std::runtime_error naming the file when it is missing or holds
 // anything else.

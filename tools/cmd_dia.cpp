@@ -1,3 +1,176 @@
-#include "cli_common.hpp"
+// dia-text, dia-delay, dia-sample: the Dia speech-synthesis helpers on .npy
+// files and scripts.
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <fstream>
+#include <iostream>
+#include <limits>
+#include <memory>
+#include <sstream>
+#include <type_traits>
 
-void add_dia_commands(CLI::App& /*app*/) {}
+#include "cli_common.hpp"
+#include "dia.hpp"
+
+namespace {
+
+// "0,8,9" -> {0, 8, 9}; throws naming --delays on anything else.
+std::vector<int> parse_delays(const std::string& text) {
+  std::vector<int> delays;
+  std::stringstream in(text);
+  std::string item;
+  while (std::getline(in, item, ',')) {
+    size_t used = 0;
+    int value = 0;
+    try {
+      value = std::stoi(item, &used);
+    } catch (const std::exception&) {
+      used = 0;
+    }
+    if (used == 0 || used != item.size()) {
+      throw std::runtime_error("--delays expects comma-separated integers (e.g. 0,8,9), got '" +
+                               text + "'");
+    }
+    delays.push_back(value);
+  }
+  if (delays.empty()) throw std::runtime_error("--delays needs at least one delay");
+  return delays;
+}
+
+// Float to the file's element type; integers truncate and saturate.
+template <class T>
+xt::xarray<T> from_float(const xt::xarray<float>& values) {
+  xt::xarray<T> out = xt::xarray<T>::from_shape(values.shape());
+  std::transform(values.begin(), values.end(), out.begin(), [](float v) {
+    if constexpr (std::is_integral_v<T>) {
+      if (std::isnan(v)) return T{0};
+      if (v >= static_cast<float>(std::numeric_limits<T>::max())) {
+        return std::numeric_limits<T>::max();
+      }
+      if (v <= static_cast<float>(std::numeric_limits<T>::min())) {
+        return std::numeric_limits<T>::min();
+      }
+    }
+    return static_cast<T>(v);
+  });
+  return out;
+}
+
+// Runs `shift` on the file's values as float and writes the result back in
+// the file's own element type.
+template <class Shift>
+void shift_file(const std::string& in_path, const std::string& out_path, Shift shift) {
+  const std::string descr = cli::npy_descr(in_path);
+  if (descr == "<i4") {
+    cli::write_npy(out_path,
+                   from_float<int32_t>(shift(xt::cast<float>(xt::load_npy<int32_t>(in_path)))));
+  } else if (descr == "<i8") {
+    cli::write_npy(out_path,
+                   from_float<int64_t>(shift(xt::cast<float>(xt::load_npy<int64_t>(in_path)))));
+  } else if (descr == "<f4") {
+    cli::write_npy(out_path, shift(xt::load_npy<float>(in_path)));
+  } else if (descr == "<f8") {
+    cli::write_npy(out_path,
+                   from_float<double>(shift(xt::cast<float>(xt::load_npy<double>(in_path)))));
+  } else {
+    throw std::runtime_error(in_path + " holds " + descr +
+                             " values; expected int32, int64, float32 or float64");
+  }
+}
+
+void add_text(CLI::App& app) {
+  auto* cmd = app.add_subcommand("dia-text", "Encode a script as byte tokens ([S1]/[S2] folded)");
+  auto script = std::make_shared<std::string>();
+  auto max_len = std::make_shared<int>(1024);
+  auto pad = std::make_shared<int>(0);
+  auto out = std::make_shared<std::string>();
+  cmd->add_option("script", *script, "Text to encode, speaker tags included")->required();
+  cmd->add_option("--max-len", *max_len, "Token count (pad or cut)")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str();
+  cmd->add_option("--pad", *pad, "Pad token")->check(CLI::Range(0, 255))->capture_default_str();
+  cmd->add_option("-o,--output", *out, "Write the [1, max-len] uint8 tokens as .npy");
+  cmd->callback([=] {
+    dia::DiaPreprocessor dp;
+    const auto tokens = dp.prepareTextInput(*script, static_cast<unsigned char>(*pad), *max_len);
+    if (!out->empty()) return cli::write_npy(*out, tokens);
+    for (size_t i = 0; i < tokens.size(); ++i) {
+      std::cout << (i ? " " : "") << static_cast<int>(tokens.data()[i]);
+    }
+    std::cout << "\n";
+  });
+}
+
+void add_delay(CLI::App& app) {
+  auto* cmd =
+      app.add_subcommand("dia-delay", "Apply or revert the channel delay on [B, T, C] codes");
+  auto in = std::make_shared<std::string>();
+  auto delays = std::make_shared<std::string>();
+  auto bos = std::make_shared<int>(0);
+  auto pad = std::make_shared<int>(0);
+  auto revert = std::make_shared<bool>(false);
+  auto out = std::make_shared<std::string>();
+  cmd->add_option("codes", *in, "[B, T, C] codes (.npy: int32, int64, float32 or float64)")
+      ->required();
+  cmd->add_option("--delays", *delays, "Per-channel delays, e.g. 0,8,9,10,11,12,13,14,15")
+      ->required();
+  auto* bos_opt = cmd->add_option("--bos", *bos, "BOS code (for frames before a channel starts)");
+  cmd->add_option("--pad", *pad, "Pad code (for frames past the end)")->required();
+  cmd->add_flag("--revert", *revert, "Shift the channels back instead");
+  cmd->add_option("-o,--output", *out, "Output .npy, same element type as the input")->required();
+  cmd->callback([=] {
+    if (!*revert && bos_opt->count() == 0) {
+      throw std::runtime_error("dia-delay: --bos is required to apply the delay");
+    }
+    const std::vector<int> pattern = parse_delays(*delays);
+    shift_file(*in, *out, [&](const xt::xarray<float>& codes) {
+      if (codes.dimension() != 3) {
+        throw std::runtime_error("dia-delay: " + *in + " must hold a [B, T, C] block");
+      }
+      if (codes.shape(2) != pattern.size()) {
+        throw std::runtime_error("dia-delay: --delays has " + std::to_string(pattern.size()) +
+                                 " entries but the codes have " + std::to_string(codes.shape(2)) +
+                                 " channels");
+      }
+      dia::DiaPreprocessor dp;
+      const int B = static_cast<int>(codes.shape(0));
+      const int T = static_cast<int>(codes.shape(1));
+      const int C = static_cast<int>(codes.shape(2));
+      if (*revert) {
+        return dp.revertAudioDelay(codes, static_cast<float>(*pad),
+                                   dp.buildRevertIndices(B, T, C, pattern), T);
+      }
+      return dp.applyAudioDelay(codes, static_cast<float>(*pad), static_cast<float>(*bos),
+                                dp.buildDelayIndices(B, T, C, pattern));
+    });
+  });
+}
+
+void add_sample(CLI::App& app) {
+  auto* cmd = app.add_subcommand("dia-sample", "Sample one code per row of [C, V] logits");
+  auto in = std::make_shared<std::string>();
+  auto temperature = std::make_shared<float>(1.3f);
+  auto top_p = std::make_shared<float>(0.95f);
+  auto top_k = std::make_shared<int>(35);
+  cmd->add_option("logits", *in, "[C, V] logits (.npy: float32, float64, int32 or int64)")
+      ->required();
+  cmd->add_option("--temperature", *temperature, "0 picks the argmax")->capture_default_str();
+  cmd->add_option("--top-p", *top_p, "Nucleus threshold (1 disables)")->capture_default_str();
+  cmd->add_option("--top-k", *top_k, "Best scores kept (0 disables)")->capture_default_str();
+  cmd->callback([=] {
+    const xt::xarray<float> logits = cli::load_npy_as_float(*in);
+    dia::DiaPreprocessor dp;
+    for (int code : dp.sampleNextToken(logits, *temperature, *top_p, *top_k)) {
+      std::cout << code << "\n";
+    }
+  });
+}
+
+}  // namespace
+
+void add_dia_commands(CLI::App& app) {
+  add_text(app);
+  add_delay(app);
+  add_sample(app);
+}

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "stb_image_write.h"
+#include "dia.hpp"
 #include "streamer.hpp"
 #include "yolo.hpp"
 
@@ -33,6 +34,9 @@ int main() {
   streamer.put({' ', 'y', 'o'});
   streamer.end();
   if (streamed.str() != "Hi, yo\n") return 4;
+
+  dia::DiaPreprocessor dp;
+  if (dp.prepareTextInput("[S1]a", 0, 3) != xt::xarray<uint8_t>{{1, 'a', 0}}) return 5;
 
   std::remove(path.c_str());
   std::puts("consumer: ok");
