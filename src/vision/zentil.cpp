@@ -1,1 +1,74 @@
+// Zentil input, top to bottom: decode -> stretch to size x size -> normalise
+// to [-1, 1] into a [1, 3, size, size] tensor.
 #include "zentil.hpp"
+
+#include <array>
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+#include <stb_image.h>
+#include <stb_image_resize2.h>
+
+namespace zentil {
+
+namespace {
+
+using StbiPixels = std::unique_ptr<stbi_uc, decltype(&stbi_image_free)>;
+
+// 1/255 in single precision (bit pattern 0x3B808081); multiplying by it is
+// not bit-identical to dividing by 255, and the multiplication is the rule.
+constexpr float kInv255 = 0x1.010102p-8f;
+
+// Stretches the whole image (no aspect preservation) with Catmull-Rom in both
+// directions and the default clamped edges.
+bool stretch(const uint8_t* in, int in_w, int in_h, uint8_t* out, int side) {
+  STBIR_RESIZE resize;
+  stbir_resize_init(&resize, in, in_w, in_h, 0, out, side, side, 0, STBIR_RGB, STBIR_TYPE_UINT8);
+  stbir_set_filters(&resize, STBIR_FILTER_CATMULLROM, STBIR_FILTER_CATMULLROM);
+  return stbir_resize_extended(&resize) != 0;
+}
+
+}  // namespace
+
+ZentilPreprocessor::ZentilPreprocessor(int size)
+    : size(size), mean{0.5f, 0.5f, 0.5f}, std{0.5f, 0.5f, 0.5f} {}
+
+xt::xarray<float> ZentilPreprocessor::process(const std::string& image_path) {
+  if (size < 0) throw std::runtime_error("ZentilPreprocessor: size must not be negative");
+  if (size > std::numeric_limits<int>::max() / 3) {
+    throw std::runtime_error("ZentilPreprocessor: size is too large (size * 3 must fit an int)");
+  }
+
+  int width = 0;
+  int height = 0;
+  int channels_in_file = 0;
+  StbiPixels pixels(stbi_load(image_path.c_str(), &width, &height, &channels_in_file, 3),
+                    &stbi_image_free);
+  if (!pixels) throw std::runtime_error("Failed to load image: " + image_path);
+
+  const size_t side = static_cast<size_t>(size);
+  auto out = xt::xarray<float>::from_shape({1, 3, side, side});
+  // The resampler refuses an empty output; size 0 simply gives an empty tensor.
+  if (side == 0) return out;
+
+  std::vector<uint8_t> resized(side * side * 3u);
+  if (!stretch(pixels.get(), width, height, resized.data(), size)) {
+    throw std::runtime_error("Failed to resize image");
+  }
+  pixels.reset();
+
+  // Per byte value: ((float)v * k - mean) / std, evaluated once per channel.
+  float* dst = out.data();
+  for (size_t c = 0; c < 3; ++c) {
+    std::array<float, 256> table{};
+    for (int v = 0; v < 256; ++v) table[v] = (static_cast<float>(v) * kInv255 - mean[c]) / std[c];
+    const uint8_t* src = resized.data() + c;
+    for (size_t i = 0; i < side * side; ++i) *dst++ = table[src[3 * i]];
+  }
+  return out;
+}
+
+}  // namespace zentil
