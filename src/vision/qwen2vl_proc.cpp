@@ -267,6 +267,11 @@ float* write_patch_rows(const Qwen2VLImageProcessor& p, const ValueTable& table,
   const size_t frames = p.temporal_patch_size;
   const size_t plane = ps * ps;
   for (size_t bh = 0; bh < plan.grid_h / m; ++bh) {
+    // Read the block row's pixels in address order first: the patch walk
+    // below jumps between image rows, which hardware prefetch does not follow.
+    const uint8_t* strip = rgb + bh * m * ps * plan.width * 3;
+    const size_t strip_bytes = m * ps * plan.width * 3;
+    for (size_t off = 0; off < strip_bytes; off += 64) __builtin_prefetch(strip + off);
     for (size_t bw = 0; bw < plan.grid_w / m; ++bw) {
       for (size_t mi = 0; mi < m; ++mi) {
         for (size_t mj = 0; mj < m; ++mj) {

@@ -6,6 +6,8 @@
 
 #include "stb_image_write.h"
 #include "yolo.hpp"
+#include "qwen2vl.hpp"
+#include "zentil.hpp"
 
 int main() {
   const std::string path = "consumer-input.png";
@@ -18,6 +20,11 @@ int main() {
   xt::xtensor<float, 2> head = {{32, 32, 10, 10, 0.9f, 0.1f}};
   const auto dets = yolo::postprocess(head, {64, 64}, {16, 32}, 0.25f, 0.45f, 10);
   if (dets.size() != 1 || dets[0].class_id != 0) return 3;
+
+  if (qwen2vl::smart_resize(224, 224, 28, 3136, 1003520).first != 224 ||
+      qwen2vl::kDefaultImageStd.size() != 3 ||
+      zentil::ZentilPreprocessor(8).process(path).size() != 192)
+    return 4;
 
   std::remove(path.c_str());
   std::puts("consumer: ok");
