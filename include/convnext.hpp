@@ -29,9 +29,9 @@ class VEMOPROC_API ConvNextPreprocessor {
   //  - "Failed to load image: PATH" when the file cannot be decoded;
   //  - "Failed to resize image" when the resampler fails;
   //  - a message naming `size` or `crop_pct` when size < 1 or crop_pct is
-  //    outside (0, 1] (NaN included), and one naming both when the resized
-  //    image is still smaller than the crop (32-bit overflow of
-  //    size / crop_pct times a side).
+  //    outside (0, 1] (NaN included), and one naming size / crop_pct when the
+  //    resized image would be smaller than the crop (32-bit overflow) or have
+  //    a side above 16777216, the decoder's limit.
   // Sizes are computed in 32-bit as documented; products that overflow wrap
   // and float-to-int conversions saturate (NaN gives 0) instead of being
   // undefined. Allocation failures propagate.

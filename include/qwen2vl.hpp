@@ -41,9 +41,9 @@ VEMOPROC_API std::pair<int, int> smart_resize(int height, int width, int factor,
 // Catmull-Rom and clamped edges. A resampler failure (e.g. an empty input)
 // leaves the result black. Only the first H * W * 3 bytes are read: the
 // channel count is taken to be 3. Throws std::runtime_error naming the
-// argument when the image holds fewer bytes than that, when new_height or
-// new_width is negative, or when a row of the input or output is too wide for
-// the resampler's int byte strides.
+// argument when the image holds fewer bytes than that, or when a side of the
+// image or new_height / new_width is negative or above 16777216 (the
+// decoder's limit; far larger sides overflow the resampler).
 VEMOPROC_API xt::xtensor<uint8_t, 3> resize_image(const xt::xtensor<uint8_t, 3>& image,
                                                   int new_height, int new_width);
 
@@ -99,7 +99,8 @@ class VEMOPROC_API Qwen2VLImageProcessor {
   // fewer than 3 elements (other than exactly 1), and a reshape error when a
   // side is not a multiple of patch_size * merge_size (only possible with
   // do_resize false) or the image does not have 3 channels. Errors of
-  // smart_resize, resize_image and the allocator propagate.
+  // smart_resize, resize_image and the allocator propagate (std::length_error
+  // when the patch matrix would hold more than SIZE_MAX elements).
   Qwen2VLImageOutput _preprocess_single_image(const xt::xtensor<uint8_t, 3>& image);
 };
 

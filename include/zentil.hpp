@@ -27,8 +27,8 @@ class VEMOPROC_API ZentilPreprocessor {
   // Throws std::runtime_error:
   //  - "Failed to load image: PATH" when the file cannot be decoded;
   //  - "Failed to resize image" when the resampler fails;
-  //  - a message naming `size` when size is negative or so large that one
-  //    output row (size * 3 bytes) does not fit an int.
+  //  - a message naming `size` when size is negative or above 16777216
+  //    (the decoder's side limit).
   // Allocation failures propagate.
   xt::xarray<float> process(const std::string& image_path);
 };

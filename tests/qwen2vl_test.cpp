@@ -127,6 +127,8 @@ TEST(ResizeImage, ShapesIdentityAndBadArguments) {
             std::string::npos);
   EXPECT_NE(message_of([&] { qwen2vl::resize_image(img, 4, -2); }).find("new_width"),
             std::string::npos);
+  EXPECT_NE(message_of([&] { qwen2vl::resize_image(img, (1 << 24) + 1, 1); }).find("new_height"),
+            std::string::npos);
   EXPECT_THROW(qwen2vl::resize_image(Image::from_shape({4, 4, 1}), 2, 2), std::runtime_error);
 }
 

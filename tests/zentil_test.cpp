@@ -70,11 +70,13 @@ TEST(ZentilPreprocessor, GreyFilesAndValueRange) {
 TEST(ZentilPreprocessor, SizeZeroAndErrors) {
   const std::string ok = testimg::write(testimg::solid(4, 4, 1, 2, 3), Format::Tga, "ok.tga");
   EXPECT_EQ(ZentilPreprocessor(0).process(ok).shape(), (std::vector<size_t>{1, 3, 0, 0}));
-  try {
-    ZentilPreprocessor(-1).process(ok);
-    FAIL();
-  } catch (const std::runtime_error& e) {
-    EXPECT_NE(std::string(e.what()).find("size"), std::string::npos);
+  for (int bad : {-1, (1 << 24) + 1}) {
+    try {
+      ZentilPreprocessor(bad).process(ok);
+      FAIL() << bad;
+    } catch (const std::runtime_error& e) {
+      EXPECT_NE(std::string(e.what()).find("size"), std::string::npos);
+    }
   }
   const std::string missing = (testimg::scratch_dir() / "none.jpg").string();
   try {

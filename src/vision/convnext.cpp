@@ -24,6 +24,9 @@ using StbiPixels = std::unique_ptr<stbi_uc, decltype(&stbi_image_free)>;
 // multiplying with it, not by dividing by 255: the two differ in the last bit.
 constexpr float kInv255 = 0x1.010102p-8f;
 
+// Largest resized side: the decoder's own limit.
+constexpr int kMaxSide = 1 << 24;
+
 // Float to int, truncating toward zero; NaN becomes 0 and out-of-range values
 // saturate at the int limits instead of being undefined.
 int saturating_int(float v) {
@@ -85,11 +88,11 @@ xt::xarray<float> ConvNextPreprocessor::process(const std::string& image_path) {
                                static_cast<float>(height));
   }
   // Only reachable when size / crop_pct times a side overflows 32 bits, or
-  // the float rounding of a huge size: the crop must lie inside the image,
-  // and the resampler's row stride (new_width * 3 bytes) must fit an int.
-  if (new_width < size || new_height < size || new_width > std::numeric_limits<int>::max() / 3) {
-    throw std::runtime_error(
-        "ConvNextPreprocessor: size / crop_pct is too large to resize this image in 32 bits");
+  // through the float rounding of a huge size: the crop must lie inside the
+  // resized image, whose sides must stay within the decoder's limit (larger
+  // ones overflow the resampler's int arithmetic).
+  if (new_width < size || new_height < size || new_width > kMaxSide || new_height > kMaxSide) {
+    throw std::runtime_error("ConvNextPreprocessor: size / crop_pct is too large for this image");
   }
 
   std::vector<uint8_t> resized(static_cast<size_t>(new_width) * static_cast<size_t>(new_height) *

@@ -68,23 +68,27 @@ size_t checked_add(size_t a, size_t b) {
   return r;
 }
 
-// What resize_image may be asked for: the resampler works with int sizes and
-// int byte strides, and reads shape(0) * shape(1) * 3 bytes.
+// Largest side the resampler is given, in or out: the decoder's own limit.
+// Far larger sides overflow the resampler's internal int arithmetic.
+constexpr size_t kMaxSide = size_t{1} << 24;
+
+// What resize_image may be asked for: the resampler reads shape(0) *
+// shape(1) * 3 bytes and works with int sizes.
 void check_resize_arguments(const xt::xtensor<uint8_t, 3>& image, int new_height, int new_width) {
-  constexpr size_t kMaxRowPixels = std::numeric_limits<int>::max() / 3;
   if (new_height < 0) throw std::runtime_error("resize_image: new_height must not be negative");
   if (new_width < 0) throw std::runtime_error("resize_image: new_width must not be negative");
-  if (static_cast<size_t>(new_width) > kMaxRowPixels) {
-    throw std::runtime_error(
-        "resize_image: new_width is too large (new_width * 3 must fit an int)");
+  if (static_cast<size_t>(new_height) > kMaxSide) {
+    throw std::runtime_error("resize_image: new_height must not exceed 16777216");
+  }
+  if (static_cast<size_t>(new_width) > kMaxSide) {
+    throw std::runtime_error("resize_image: new_width must not exceed 16777216");
   }
   const bool empty = image.shape(0) == 0 || image.shape(1) == 0;
   if (!empty && image.shape(2) < 3) {
     throw std::runtime_error("resize_image: image must hold 3 samples per pixel");
   }
-  if (image.shape(1) > kMaxRowPixels ||
-      image.shape(0) > static_cast<size_t>(std::numeric_limits<int>::max())) {
-    throw std::runtime_error("resize_image: image is too large for the resampler");
+  if (image.shape(0) > kMaxSide || image.shape(1) > kMaxSide) {
+    throw std::runtime_error("resize_image: image sides must not exceed 16777216");
   }
 }
 

@@ -4,7 +4,6 @@
 
 #include <array>
 #include <cstdint>
-#include <limits>
 #include <memory>
 #include <stdexcept>
 #include <vector>
@@ -38,9 +37,9 @@ ZentilPreprocessor::ZentilPreprocessor(int size)
 
 xt::xarray<float> ZentilPreprocessor::process(const std::string& image_path) {
   if (size < 0) throw std::runtime_error("ZentilPreprocessor: size must not be negative");
-  if (size > std::numeric_limits<int>::max() / 3) {
-    throw std::runtime_error("ZentilPreprocessor: size is too large (size * 3 must fit an int)");
-  }
+  // The decoder's own side limit; far larger sides overflow the resampler.
+  if (size > (1 << 24))
+    throw std::runtime_error("ZentilPreprocessor: size must not exceed 16777216");
 
   int width = 0;
   int height = 0;
