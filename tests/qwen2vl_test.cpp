@@ -150,11 +150,6 @@ TEST(LoadImage, AnyFileGivesThreeChannels) {
             "Failed to load image: " + missing);
 }
 
-TEST(Qwen2VLImageProcessor, DefaultStatistics) {
-  EXPECT_EQ(qwen2vl::kDefaultImageMean, (std::vector<float>{0.48145466f, 0.4578275f, 0.40821073f}));
-  EXPECT_EQ(qwen2vl::kDefaultImageStd, (std::vector<float>{0.26862954f, 0.26130258f, 0.27577711f}));
-}
-
 // Raw values (no rescale, no normalisation) show where every pixel lands.
 TEST(Qwen2VLImageProcessor, MergeOrderedPatchLayout) {
   const Image img = make_image(224, 224, 1);

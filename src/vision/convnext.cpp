@@ -49,10 +49,15 @@ std::array<float, 256> normalisation_table(float mean, float std_dev) {
   return table;
 }
 
+// Bytes per resized row, rounded up to a multiple of 4: the resampler stores
+// groups of four bytes as one int, which must not be misaligned.
+size_t padded_row_bytes(int width) { return (static_cast<size_t>(width) * 3u + 3u) & ~size_t{3}; }
+
 // Catmull-Rom in both directions, default (clamped) edges, linear 8-bit RGB.
 bool resize_rgb(const uint8_t* in, int in_w, int in_h, uint8_t* out, int out_w, int out_h) {
   STBIR_RESIZE resize;
-  stbir_resize_init(&resize, in, in_w, in_h, 0, out, out_w, out_h, 0, STBIR_RGB, STBIR_TYPE_UINT8);
+  stbir_resize_init(&resize, in, in_w, in_h, 0, out, out_w, out_h,
+                    static_cast<int>(padded_row_bytes(out_w)), STBIR_RGB, STBIR_TYPE_UINT8);
   stbir_set_filters(&resize, STBIR_FILTER_CATMULLROM, STBIR_FILTER_CATMULLROM);
   return stbir_resize_extended(&resize) != 0;
 }
@@ -95,8 +100,8 @@ xt::xarray<float> ConvNextPreprocessor::process(const std::string& image_path) {
     throw std::runtime_error("ConvNextPreprocessor: size / crop_pct is too large for this image");
   }
 
-  std::vector<uint8_t> resized(static_cast<size_t>(new_width) * static_cast<size_t>(new_height) *
-                               3u);
+  const size_t stride = padded_row_bytes(new_width);
+  std::vector<uint8_t> resized(stride * static_cast<size_t>(new_height));
   if (!resize_rgb(pixels.get(), width, height, resized.data(), new_width, new_height)) {
     throw std::runtime_error("Failed to resize image");
   }
@@ -111,8 +116,8 @@ xt::xarray<float> ConvNextPreprocessor::process(const std::string& image_path) {
   for (size_t c = 0; c < 3; ++c) {
     const std::array<float, 256> table = normalisation_table(mean[c], std[c]);
     for (size_t y = 0; y < side; ++y) {
-      const uint8_t* src =
-          resized.data() + ((static_cast<size_t>(top) + y) * new_width + left) * 3u + c;
+      const uint8_t* src = resized.data() + (static_cast<size_t>(top) + y) * stride +
+                           static_cast<size_t>(left) * 3u + c;
       for (size_t x = 0; x < side; ++x) *dst++ = table[src[3 * x]];
     }
   }

@@ -142,14 +142,23 @@ std::pair<int, int> smart_resize(int height, int width, int factor, int min_pixe
 xt::xtensor<uint8_t, 3> resize_image(const xt::xtensor<uint8_t, 3>& image, int new_height,
                                      int new_width) {
   check_resize_arguments(image, new_height, new_width);
-  xt::xtensor<uint8_t, 3> out = xt::zeros<uint8_t>(
-      {static_cast<size_t>(new_height), static_cast<size_t>(new_width), size_t{3}});
+  const size_t rows = static_cast<size_t>(new_height);
+  const size_t row_bytes = static_cast<size_t>(new_width) * 3u;
+  xt::xtensor<uint8_t, 3> out = xt::zeros<uint8_t>({rows, row_bytes / 3u, size_t{3}});
   // The resampler fails on empty images (the result stays black); with an
   // empty output buffer it would allocate one of its own, so it is not called.
   if (out.size() == 0 || image.shape(0) == 0 || image.shape(1) == 0) return out;
+  // It also stores four bytes at a time as one int, so rows must start
+  // 4-aligned; other widths go through a padded buffer.
+  const size_t stride = (row_bytes + 3u) & ~size_t{3};
+  std::vector<uint8_t> padded(stride == row_bytes ? 0 : stride * rows);
+  uint8_t* target = padded.empty() ? out.data() : padded.data();
   stbir_resize(image.data(), static_cast<int>(image.shape(1)), static_cast<int>(image.shape(0)), 0,
-               out.data(), new_width, new_height, 0, STBIR_RGB, STBIR_TYPE_UINT8, STBIR_EDGE_CLAMP,
-               STBIR_FILTER_CATMULLROM);
+               target, new_width, new_height, static_cast<int>(stride), STBIR_RGB, STBIR_TYPE_UINT8,
+               STBIR_EDGE_CLAMP, STBIR_FILTER_CATMULLROM);
+  for (size_t y = 0; !padded.empty() && y < rows; ++y) {
+    std::memcpy(out.data() + y * row_bytes, padded.data() + y * stride, row_bytes);
+  }
   return out;
 }
 

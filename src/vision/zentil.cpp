@@ -22,10 +22,12 @@ using StbiPixels = std::unique_ptr<stbi_uc, decltype(&stbi_image_free)>;
 constexpr float kInv255 = 0x1.010102p-8f;
 
 // Stretches the whole image (no aspect preservation) with Catmull-Rom in both
-// directions and the default clamped edges.
-bool stretch(const uint8_t* in, int in_w, int in_h, uint8_t* out, int side) {
+// directions and the default clamped edges. Output rows are `stride` bytes, a
+// multiple of 4: the resampler stores four bytes at a time as one int.
+bool stretch(const uint8_t* in, int in_w, int in_h, uint8_t* out, int side, size_t stride) {
   STBIR_RESIZE resize;
-  stbir_resize_init(&resize, in, in_w, in_h, 0, out, side, side, 0, STBIR_RGB, STBIR_TYPE_UINT8);
+  stbir_resize_init(&resize, in, in_w, in_h, 0, out, side, side, static_cast<int>(stride),
+                    STBIR_RGB, STBIR_TYPE_UINT8);
   stbir_set_filters(&resize, STBIR_FILTER_CATMULLROM, STBIR_FILTER_CATMULLROM);
   return stbir_resize_extended(&resize) != 0;
 }
@@ -53,8 +55,9 @@ xt::xarray<float> ZentilPreprocessor::process(const std::string& image_path) {
   // The resampler refuses an empty output; size 0 simply gives an empty tensor.
   if (side == 0) return out;
 
-  std::vector<uint8_t> resized(side * side * 3u);
-  if (!stretch(pixels.get(), width, height, resized.data(), size)) {
+  const size_t stride = (side * 3u + 3u) & ~size_t{3};
+  std::vector<uint8_t> resized(stride * side);
+  if (!stretch(pixels.get(), width, height, resized.data(), size, stride)) {
     throw std::runtime_error("Failed to resize image");
   }
   pixels.reset();
@@ -64,8 +67,10 @@ xt::xarray<float> ZentilPreprocessor::process(const std::string& image_path) {
   for (size_t c = 0; c < 3; ++c) {
     std::array<float, 256> table{};
     for (int v = 0; v < 256; ++v) table[v] = (static_cast<float>(v) * kInv255 - mean[c]) / std[c];
-    const uint8_t* src = resized.data() + c;
-    for (size_t i = 0; i < side * side; ++i) *dst++ = table[src[3 * i]];
+    for (size_t y = 0; y < side; ++y) {
+      const uint8_t* src = resized.data() + y * stride + c;
+      for (size_t x = 0; x < side; ++x) *dst++ = table[src[3 * x]];
+    }
   }
   return out;
 }
