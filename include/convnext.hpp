@@ -1,2 +1,41 @@
 #pragma once
+// ConvNeXt classifier input: shortest-edge resize, centre crop, per-channel
+// normalisation, channel-first output.
+#include <array>
+#include <string>
+
+#include <xtensor/xarray.hpp>
+
 #include "vemoproc_export.hpp"
+
+namespace convnext {
+
+class VEMOPROC_API ConvNextPreprocessor {
+ public:
+  int size;
+  float crop_pct;
+  std::array<float, 3> mean;  // R, G, B: 0.485, 0.456, 0.406
+  std::array<float, 3> std;   // R, G, B: 0.229, 0.224, 0.225
+
+  // Stores the arguments and the fixed statistics; validates nothing.
+  ConvNextPreprocessor(int size, float crop_pct);
+
+  // Decodes the file as 8-bit RGB, scales its shortest edge to
+  // (int)(size / crop_pct) with Catmull-Rom, cuts the centred size x size
+  // square (an odd margin leaves the extra pixel right and bottom) and returns
+  // [3, size, size] with ((float)byte * (1/255.0f) - mean[c]) / std[c].
+  //
+  // Throws std::runtime_error:
+  //  - "Failed to load image: PATH" when the file cannot be decoded;
+  //  - "Failed to resize image" when the resampler fails;
+  //  - a message naming `size` or `crop_pct` when size < 1 or crop_pct is
+  //    outside (0, 1] (NaN included), and one naming size / crop_pct when the
+  //    resized image would be smaller than the crop (32-bit overflow) or have
+  //    a side above 16777216, the decoder's limit.
+  // Sizes are computed in 32-bit as documented; products that overflow wrap
+  // and float-to-int conversions saturate (NaN gives 0) instead of being
+  // undefined. Allocation failures propagate.
+  xt::xarray<float> process(const std::string& image_path);
+};
+
+}  // namespace convnext

@@ -1,2 +1,36 @@
 #pragma once
+// Zentil vision-encoder input: stretch to a square, normalise to [-1, 1],
+// channel-first with a batch axis.
+#include <array>
+#include <string>
+
+#include <xtensor/xarray.hpp>
+
 #include "vemoproc_export.hpp"
+
+namespace zentil {
+
+class VEMOPROC_API ZentilPreprocessor {
+ public:
+  int size;
+  std::array<float, 3> mean;  // 0.5 on every channel
+  std::array<float, 3> std;   // 0.5 on every channel
+
+  // Stores `size` and the fixed statistics; validates nothing.
+  explicit ZentilPreprocessor(int size);
+
+  // Decodes the file as 8-bit RGB, stretches the whole image to size x size
+  // with Catmull-Rom (aspect ratio not kept, nothing cropped) and returns
+  // [1, 3, size, size] with ((float)byte * (1/255.0f) - 0.5f) / 0.5f.
+  // size 0 gives an empty [1, 3, 0, 0] tensor.
+  //
+  // Throws std::runtime_error:
+  //  - "Failed to load image: PATH" when the file cannot be decoded;
+  //  - "Failed to resize image" when the resampler fails;
+  //  - a message naming `size` when size is negative or above 16777216
+  //    (the decoder's side limit).
+  // Allocation failures propagate.
+  xt::xarray<float> process(const std::string& image_path);
+};
+
+}  // namespace zentil

@@ -8,3 +8,42 @@ cd "$work"
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
 "$exe" --help >/dev/null || fail "--help"
+
+# Images as PNM, which the decoder reads: a random RGB 64x48 and a black grey 30x20.
+{ printf 'P6\n64 48\n255\n'; head -c $((64 * 48 * 3)) /dev/urandom; } > rgb.ppm
+{ printf 'P5\n30 20\n255\n'; head -c 600 /dev/zero; } > black.pgm
+shape_of() { head -c 128 "$1" | tr -d '\0' | grep -o "'shape': ([0-9, ]*)"; }
+
+"$exe" convnext rgb.ppm --size 224 --crop-pct 0.875 -o c.npy >/dev/null || fail "convnext"
+[ "$(shape_of c.npy)" = "'shape': (3, 224, 224)" ] || fail "convnext shape: $(shape_of c.npy)"
+
+"$exe" zentil black.pgm --size 4 -o z.npy >/dev/null || fail "zentil"
+[ "$(shape_of z.npy)" = "'shape': (1, 3, 4, 4)" ] || fail "zentil shape: $(shape_of z.npy)"
+# Black maps to -1.0f (bits bf800000) in all 48 values.
+values=$(tail -c 192 z.npy | od -An -v -tx4 | tr -s ' ' '\n' | grep -v '^$' | sort -u)
+[ "$values" = "bf800000" ] || fail "zentil values: $values"
+
+# 48 x 64 -> 56 x 56 (grid 4 x 4); 20 x 30 -> 84 x 84 (grid 6 x 6); rows of 3*2*14*14.
+out=$("$exe" qwen2vl rgb.ppm black.pgm -o q.npy) || fail "qwen2vl"
+grep -q "rgb.ppm: grid (t, h, w) = (1, 4, 4), 16 patch rows" <<<"$out" || fail "qwen2vl grid 1: $out"
+grep -q "black.pgm: grid (t, h, w) = (1, 6, 6), 36 patch rows" <<<"$out" || fail "qwen2vl grid 2: $out"
+[ "$(shape_of q.npy)" = "'shape': (52, 1176)" ] || fail "qwen2vl shape: $(shape_of q.npy)"
+"$exe" qwen2vl rgb.ppm --patch-size 8 --merge-size 1 --temporal-patch-size 1 \
+  --min-pixels 0 --max-pixels 1000000 -o q8.npy >/dev/null || fail "qwen2vl options"
+[ "$(shape_of q8.npy)" = "'shape': (48, 192)" ] || fail "qwen2vl options shape: $(shape_of q8.npy)"
+
+# Bad input: one error line, exit status 1, no output file.
+expect_error() {
+  local want=$1; shift
+  local err
+  if err=$("$exe" "$@" 2>&1 >/dev/null); then fail "$* succeeded"; fi
+  grep -q "$want" <<<"$err" || fail "$*: $err"
+}
+expect_error "no such file: missing.png" convnext missing.png -o m.npy
+expect_error "crop_pct must be in (0, 1\]" convnext rgb.ppm --crop-pct 1.5 -o m.npy
+expect_error "size must not be negative" zentil rgb.ppm --size -2 -o m.npy
+printf 'not an image' > junk.png
+expect_error "Failed to load image: junk.png" qwen2vl junk.png -o m.npy
+expect_error "patch-size" qwen2vl rgb.ppm --patch-size 0 -o m.npy
+[ ! -e m.npy ] || fail "an output file was written on error"
+echo "cli_vision: ok"

@@ -1,1 +1,127 @@
+// ConvNeXt input, top to bottom: decode -> shortest-edge resize -> centre crop
+// read in place from the resized buffer, normalised into a [3, size, size]
+// tensor.
 #include "convnext.hpp"
+
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+#include <stb_image.h>
+#include <stb_image_resize2.h>
+
+namespace convnext {
+
+namespace {
+
+using StbiPixels = std::unique_ptr<stbi_uc, decltype(&stbi_image_free)>;
+
+// 1/255 in single precision (bit pattern 0x3B808081). Bytes are scaled by
+// multiplying with it, not by dividing by 255: the two differ in the last bit.
+constexpr float kInv255 = 0x1.010102p-8f;
+
+// Largest resized side: the decoder's own limit.
+constexpr int kMaxSide = 1 << 24;
+
+// Float to int, truncating toward zero; NaN becomes 0 and out-of-range values
+// saturate at the int limits instead of being undefined.
+int saturating_int(float v) {
+  if (std::isnan(v)) return 0;
+  if (v >= 2147483648.0f) return std::numeric_limits<int>::max();
+  if (v < -2147483648.0f) return std::numeric_limits<int>::min();
+  return static_cast<int>(v);
+}
+
+// 32-bit product that wraps (two's complement) instead of overflowing.
+int wrapping_mul(int a, int b) {
+  return static_cast<int>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
+}
+
+// Every byte value mapped once through ((float)v * k - mean) / std, so the
+// per-pixel work is a table read with exactly the scalar formula's result.
+std::array<float, 256> normalisation_table(float mean, float std_dev) {
+  std::array<float, 256> table{};
+  for (int v = 0; v < 256; ++v) table[v] = (static_cast<float>(v) * kInv255 - mean) / std_dev;
+  return table;
+}
+
+// Bytes per resized row, rounded up to a multiple of 4: the resampler stores
+// groups of four bytes as one int, which must not be misaligned.
+size_t padded_row_bytes(int width) { return (static_cast<size_t>(width) * 3u + 3u) & ~size_t{3}; }
+
+// Catmull-Rom in both directions, default (clamped) edges, linear 8-bit RGB.
+bool resize_rgb(const uint8_t* in, int in_w, int in_h, uint8_t* out, int out_w, int out_h) {
+  STBIR_RESIZE resize;
+  stbir_resize_init(&resize, in, in_w, in_h, 0, out, out_w, out_h,
+                    static_cast<int>(padded_row_bytes(out_w)), STBIR_RGB, STBIR_TYPE_UINT8);
+  stbir_set_filters(&resize, STBIR_FILTER_CATMULLROM, STBIR_FILTER_CATMULLROM);
+  return stbir_resize_extended(&resize) != 0;
+}
+
+}  // namespace
+
+ConvNextPreprocessor::ConvNextPreprocessor(int size, float crop_pct)
+    : size(size), crop_pct(crop_pct), mean{0.485f, 0.456f, 0.406f}, std{0.229f, 0.224f, 0.225f} {}
+
+xt::xarray<float> ConvNextPreprocessor::process(const std::string& image_path) {
+  // Outside these ranges the crop would read past the resized image.
+  if (size < 1) throw std::runtime_error("ConvNextPreprocessor: size must be at least 1");
+  if (!(crop_pct > 0.0f && crop_pct <= 1.0f)) {
+    throw std::runtime_error("ConvNextPreprocessor: crop_pct must be in (0, 1]");
+  }
+
+  int width = 0;
+  int height = 0;
+  int channels_in_file = 0;
+  StbiPixels pixels(stbi_load(image_path.c_str(), &width, &height, &channels_in_file, 3),
+                    &stbi_image_free);
+  if (!pixels) throw std::runtime_error("Failed to load image: " + image_path);
+
+  // Shortest edge to size / crop_pct; a tie (square) takes the landscape branch.
+  const int short_edge = saturating_int(static_cast<float>(size) / crop_pct);
+  int new_width = short_edge;
+  int new_height = short_edge;
+  if (height > width) {
+    new_height = saturating_int(static_cast<float>(wrapping_mul(height, short_edge)) /
+                                static_cast<float>(width));
+  } else {
+    new_width = saturating_int(static_cast<float>(wrapping_mul(width, short_edge)) /
+                               static_cast<float>(height));
+  }
+  // Only reachable when size / crop_pct times a side overflows 32 bits, or
+  // through the float rounding of a huge size: the crop must lie inside the
+  // resized image, whose sides must stay within the decoder's limit (larger
+  // ones overflow the resampler's int arithmetic).
+  if (new_width < size || new_height < size || new_width > kMaxSide || new_height > kMaxSide) {
+    throw std::runtime_error("ConvNextPreprocessor: size / crop_pct is too large for this image");
+  }
+
+  const size_t stride = padded_row_bytes(new_width);
+  std::vector<uint8_t> resized(stride * static_cast<size_t>(new_height));
+  if (!resize_rgb(pixels.get(), width, height, resized.data(), new_width, new_height)) {
+    throw std::runtime_error("Failed to resize image");
+  }
+  pixels.reset();
+
+  // An odd margin leaves the extra pixel on the right and at the bottom.
+  const int left = (new_width - size) / 2;
+  const int top = (new_height - size) / 2;
+  const size_t side = static_cast<size_t>(size);
+  auto out = xt::xarray<float>::from_shape({3, side, side});
+  float* dst = out.data();
+  for (size_t c = 0; c < 3; ++c) {
+    const std::array<float, 256> table = normalisation_table(mean[c], std[c]);
+    for (size_t y = 0; y < side; ++y) {
+      const uint8_t* src = resized.data() + (static_cast<size_t>(top) + y) * stride +
+                           static_cast<size_t>(left) * 3u + c;
+      for (size_t x = 0; x < side; ++x) *dst++ = table[src[3 * x]];
+    }
+  }
+  return out;
+}
+
+}  // namespace convnext

@@ -1,1 +1,389 @@
+// Qwen2-VL image input, top to bottom: the size rule (smart_resize), the
+// resampler (resize_image), the loader, and the processor that turns images
+// into merge-ordered flattened patch rows.
+//
+// The processor writes every patch row straight from the 8-bit pixels: a
+// per-channel table holds each byte value's float after rescale and
+// normalisation (the same float operations in the same order, so the same
+// bits), the frame is copied temporal_patch_size times inside the row, and a
+// batch is laid out in one allocation. This is the step-by-step pipeline
+// (convert, rescale, normalise, transpose, tile, reshape, permute, reshape,
+// concatenate) without its intermediate tensors.
 #include "qwen2vl.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <stdexcept>
+
+#include <xtensor/xadapt.hpp>
+
+#include <stb_image.h>
+#include <stb_image_resize2.h>
+
+namespace qwen2vl {
+
+const std::vector<float> kDefaultImageMean = {0.48145466f, 0.4578275f, 0.40821073f};
+const std::vector<float> kDefaultImageStd = {0.26862954f, 0.26130258f, 0.27577711f};
+
+namespace {
+
+constexpr int kMaxAspectRatio = 200;
+
+// Float to int, truncating toward zero; NaN becomes 0 and out-of-range values
+// saturate at the int limits instead of being undefined.
+int saturating_int(float v) {
+  if (std::isnan(v)) return 0;
+  if (v >= 2147483648.0f) return std::numeric_limits<int>::max();
+  if (v < -2147483648.0f) return std::numeric_limits<int>::min();
+  return static_cast<int>(v);
+}
+
+// 32-bit product that wraps (two's complement) instead of overflowing.
+int wrapping_mul(int a, int b) {
+  return static_cast<int>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
+}
+
+// Narrowing to 32 bits keeps the low 32 bits (two's complement).
+template <class T>
+int wrapping_int(T v) {
+  return static_cast<int>(static_cast<uint32_t>(v));
+}
+
+// Size arithmetic that throws where the element count would not fit size_t.
+[[noreturn]] void throw_too_large() {
+  throw std::length_error("Qwen2VLImageProcessor: patch matrix size overflows size_t");
+}
+size_t checked_mul(size_t a, size_t b) {
+  size_t r = 0;
+  if (__builtin_mul_overflow(a, b, &r)) throw_too_large();
+  return r;
+}
+size_t checked_add(size_t a, size_t b) {
+  size_t r = 0;
+  if (__builtin_add_overflow(a, b, &r)) throw_too_large();
+  return r;
+}
+
+// Largest side the resampler is given, in or out: the decoder's own limit.
+// Far larger sides overflow the resampler's internal int arithmetic.
+constexpr size_t kMaxSide = size_t{1} << 24;
+
+// What resize_image may be asked for: the resampler reads shape(0) *
+// shape(1) * 3 bytes and works with int sizes.
+void check_resize_arguments(const xt::xtensor<uint8_t, 3>& image, int new_height, int new_width) {
+  if (new_height < 0) throw std::runtime_error("resize_image: new_height must not be negative");
+  if (new_width < 0) throw std::runtime_error("resize_image: new_width must not be negative");
+  if (static_cast<size_t>(new_height) > kMaxSide) {
+    throw std::runtime_error("resize_image: new_height must not exceed 16777216");
+  }
+  if (static_cast<size_t>(new_width) > kMaxSide) {
+    throw std::runtime_error("resize_image: new_width must not exceed 16777216");
+  }
+  const bool empty = image.shape(0) == 0 || image.shape(1) == 0;
+  if (!empty && image.shape(2) < 3) {
+    throw std::runtime_error("resize_image: image must hold 3 samples per pixel");
+  }
+  if (image.shape(0) > kMaxSide || image.shape(1) > kMaxSide) {
+    throw std::runtime_error("resize_image: image sides must not exceed 16777216");
+  }
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Size rule, resampler, loader
+// ---------------------------------------------------------------------------
+
+std::pair<int, int> smart_resize(int height, int width, int factor, int min_pixels,
+                                 int max_pixels) {
+  if (factor == 0) throw std::runtime_error("smart_resize: factor must not be 0");
+  // Integer quotient first, so a true ratio of 200.9 passes; a zero side
+  // gives quotient 0.
+  const int shorter = std::min(height, width);
+  const int ratio = shorter == 0 ? 0 : std::max(height, width) / shorter;
+  if (ratio > kMaxAspectRatio) {
+    throw std::runtime_error("Absolute aspect ratio must be smaller than " +
+                             std::to_string(kMaxAspectRatio));
+  }
+
+  const float f = static_cast<float>(factor);
+  // roundf: halves go away from zero.
+  int h_bar = std::max(factor, saturating_int(std::round(static_cast<float>(height) / f) * f));
+  int w_bar = std::max(factor, saturating_int(std::round(static_cast<float>(width) / f) * f));
+
+  const int pixels = wrapping_mul(h_bar, w_bar);
+  const float area = static_cast<float>(wrapping_mul(height, width));
+  if (pixels > max_pixels) {
+    // The rounded sides (not the input ones) are scaled down, truncated, then
+    // floored to a multiple of factor; no lower clamp here.
+    const float beta = std::sqrt(area / static_cast<float>(max_pixels));
+    const auto shrink = [&](int side) {
+      const float scaled = static_cast<float>(saturating_int(static_cast<float>(side) / beta));
+      return saturating_int(std::floor(scaled / f) * f);
+    };
+    h_bar = shrink(h_bar);
+    w_bar = shrink(w_bar);
+  } else if (pixels < min_pixels) {
+    const float beta = std::sqrt(static_cast<float>(min_pixels) / area);
+    const auto grow = [&](int side) {
+      const float scaled = static_cast<float>(saturating_int(static_cast<float>(side) * beta));
+      return saturating_int(std::ceil(scaled / f) * f);
+    };
+    h_bar = grow(h_bar);
+    w_bar = grow(w_bar);
+  }
+  return {h_bar, w_bar};
+}
+
+xt::xtensor<uint8_t, 3> resize_image(const xt::xtensor<uint8_t, 3>& image, int new_height,
+                                     int new_width) {
+  check_resize_arguments(image, new_height, new_width);
+  const size_t rows = static_cast<size_t>(new_height);
+  const size_t row_bytes = static_cast<size_t>(new_width) * 3u;
+  xt::xtensor<uint8_t, 3> out = xt::zeros<uint8_t>({rows, row_bytes / 3u, size_t{3}});
+  // The resampler fails on empty images (the result stays black); with an
+  // empty output buffer it would allocate one of its own, so it is not called.
+  if (out.size() == 0 || image.shape(0) == 0 || image.shape(1) == 0) return out;
+  // It also stores four bytes at a time as one int, so rows must start
+  // 4-aligned; other widths go through a padded buffer.
+  const size_t stride = (row_bytes + 3u) & ~size_t{3};
+  std::vector<uint8_t> padded(stride == row_bytes ? 0 : stride * rows);
+  uint8_t* target = padded.empty() ? out.data() : padded.data();
+  stbir_resize(image.data(), static_cast<int>(image.shape(1)), static_cast<int>(image.shape(0)), 0,
+               target, new_width, new_height, static_cast<int>(stride), STBIR_RGB, STBIR_TYPE_UINT8,
+               STBIR_EDGE_CLAMP, STBIR_FILTER_CATMULLROM);
+  for (size_t y = 0; !padded.empty() && y < rows; ++y) {
+    std::memcpy(out.data() + y * row_bytes, padded.data() + y * stride, row_bytes);
+  }
+  return out;
+}
+
+xt::xtensor<uint8_t, 3> Qwen2VLImageProcessor::load_image(const std::string& image_path) {
+  int width = 0;
+  int height = 0;
+  int channels_in_file = 0;
+  std::unique_ptr<stbi_uc, decltype(&stbi_image_free)> pixels(
+      stbi_load(image_path.c_str(), &width, &height, &channels_in_file, 3), &stbi_image_free);
+  if (!pixels) throw std::runtime_error("Failed to load image: " + image_path);
+  auto image = xt::xtensor<uint8_t, 3>::from_shape(
+      {static_cast<size_t>(height), static_cast<size_t>(width), size_t{3}});
+  std::memcpy(image.data(), pixels.get(), image.size());
+  return image;
+}
+
+// ---------------------------------------------------------------------------
+// Patch rows
+// ---------------------------------------------------------------------------
+
+namespace {
+
+using ValueTable = std::array<std::array<float, 256>, 3>;
+
+// One image's geometry after the optional resize.
+struct ImagePlan {
+  bool resize = false;
+  size_t height = 0;
+  size_t width = 0;
+  size_t grid_h = 0;
+  size_t grid_w = 0;
+};
+
+void check_statistics(const xt::xtensor<float, 1>& values, const char* name) {
+  if (values.size() < 3 && values.size() != 1) {
+    throw std::runtime_error(std::string("Qwen2VLImageProcessor: ") + name +
+                             " must hold 1 or at least 3 values");
+  }
+}
+
+void check_arguments(const Qwen2VLImageProcessor& p) {
+  if (p.patch_size == 0)
+    throw std::runtime_error("Qwen2VLImageProcessor: patch_size must not be 0");
+  if (p.temporal_patch_size == 0) {
+    throw std::runtime_error("Qwen2VLImageProcessor: temporal_patch_size must not be 0");
+  }
+  if (p.merge_size == 0)
+    throw std::runtime_error("Qwen2VLImageProcessor: merge_size must not be 0");
+  // The statistics are read only when normalising.
+  if (p.do_normalize) {
+    check_statistics(p.image_mean, "image_mean");
+    check_statistics(p.image_std, "image_std");
+  }
+}
+
+// Floats of one row: 3 channels x frames x patch pixels.
+size_t row_length(const Qwen2VLImageProcessor& p) {
+  return checked_mul(checked_mul(3, p.temporal_patch_size),
+                     checked_mul(p.patch_size, p.patch_size));
+}
+
+// Target size and patch grid of one image; throws everything the image would
+// throw before any work is done on it.
+ImagePlan plan_image(const Qwen2VLImageProcessor& p, const xt::xtensor<uint8_t, 3>& image) {
+  ImagePlan plan;
+  plan.height = image.shape(0);
+  plan.width = image.shape(1);
+  size_t channels = image.shape(2);
+  if (p.do_resize) {
+    const int factor = wrapping_int(p.patch_size * p.merge_size);
+    const auto [h, w] = smart_resize(wrapping_int(plan.height), wrapping_int(plan.width), factor,
+                                     wrapping_int(p.min_pixels), wrapping_int(p.max_pixels));
+    check_resize_arguments(image, h, w);
+    plan.resize = true;
+    plan.height = static_cast<size_t>(h);
+    plan.width = static_cast<size_t>(w);
+    channels = 3;
+  }
+  plan.grid_h = plan.height / p.patch_size;
+  plan.grid_w = plan.width / p.patch_size;
+  // The reshape into merge blocks keeps the element count only when both
+  // sides are whole blocks and the image has 3 channels.
+  const size_t m = p.merge_size;
+  if ((plan.grid_h / m) * m * p.patch_size != plan.height ||
+      (plan.grid_w / m) * m * p.patch_size != plan.width || channels != 3) {
+    throw std::runtime_error(
+        "Cannot reshape with incorrect number of elements. Do you mean to resize?");
+  }
+  return plan;
+}
+
+// Each byte value of each channel after value -> float, * rescale_factor,
+// (v - mean[c]) / std[c]: the float operations of the elementwise pipeline.
+// Statistics of length 1 serve every channel.
+ValueTable value_table(const Qwen2VLImageProcessor& p) {
+  ValueTable table{};
+  for (size_t c = 0; c < 3; ++c) {
+    for (int v = 0; v < 256; ++v) {
+      float x = static_cast<float>(v);
+      if (p.do_rescale) x = x * p.rescale_factor;
+      if (p.do_normalize) {
+        const size_t mc = p.image_mean.size() == 1 ? 0 : c;
+        const size_t sc = p.image_std.size() == 1 ? 0 : c;
+        x = (x - p.image_mean(mc)) / p.image_std(sc);
+      }
+      table[c][static_cast<size_t>(v)] = x;
+    }
+  }
+  return table;
+}
+
+// Writes one image's rows: blocks of merge_size x merge_size patches in
+// row-major order over the image, patches row-major inside a block; within a
+// row channel, frame, pixel row, pixel column. Returns the end of the rows.
+float* write_patch_rows(const Qwen2VLImageProcessor& p, const ValueTable& table, const uint8_t* rgb,
+                        const ImagePlan& plan, float* out) {
+  const size_t ps = p.patch_size;
+  const size_t m = p.merge_size;
+  const size_t frames = p.temporal_patch_size;
+  const size_t plane = ps * ps;
+  for (size_t bh = 0; bh < plan.grid_h / m; ++bh) {
+    // Read the block row's pixels in address order first: the patch walk
+    // below jumps between image rows, which hardware prefetch does not follow.
+    const uint8_t* strip = rgb + bh * m * ps * plan.width * 3;
+    const size_t strip_bytes = m * ps * plan.width * 3;
+    for (size_t off = 0; off < strip_bytes; off += 64) __builtin_prefetch(strip + off);
+    for (size_t bw = 0; bw < plan.grid_w / m; ++bw) {
+      for (size_t mi = 0; mi < m; ++mi) {
+        for (size_t mj = 0; mj < m; ++mj) {
+          const size_t y0 = (bh * m + mi) * ps;
+          const size_t x0 = (bw * m + mj) * ps;
+          for (size_t c = 0; c < 3; ++c) {
+            const float* values = table[c].data();
+            float* frame0 = out;
+            for (size_t py = 0; py < ps; ++py) {
+              const uint8_t* src = rgb + ((y0 + py) * plan.width + x0) * 3 + c;
+              for (size_t px = 0; px < ps; ++px) *out++ = values[src[3 * px]];
+            }
+            // The still image repeated over the temporal depth.
+            for (size_t t = 1; t < frames; ++t, out += plane) {
+              std::memcpy(out, frame0, plane * sizeof(float));
+            }
+          }
+        }
+      }
+    }
+  }
+  return out;
+}
+
+// The batch: every image planned (and checked) first, then all rows written
+// into one allocation, in input order.
+Qwen2VLImageOutput process_images(const Qwen2VLImageProcessor& p,
+                                  const xt::xtensor<uint8_t, 3>* images, size_t count) {
+  check_arguments(p);
+  std::vector<ImagePlan> plans;
+  plans.reserve(count);
+  size_t total_rows = 0;
+  for (size_t i = 0; i < count; ++i) {
+    plans.push_back(plan_image(p, images[i]));
+    total_rows = checked_add(total_rows, checked_mul(plans.back().grid_h, plans.back().grid_w));
+  }
+  const size_t row_len = row_length(p);
+  checked_mul(total_rows, row_len);
+
+  Qwen2VLImageOutput result;
+  result.patches = xt::xarray<float>::from_shape({total_rows, row_len});
+  result.grid_thw = xt::xarray<size_t>::from_shape({count, size_t{3}});
+  const ValueTable table = value_table(p);
+  float* out = result.patches.data();
+  for (size_t i = 0; i < count; ++i) {
+    const ImagePlan& plan = plans[i];
+    if (plan.resize) {
+      const xt::xtensor<uint8_t, 3> resized =
+          resize_image(images[i], static_cast<int>(plan.height), static_cast<int>(plan.width));
+      out = write_patch_rows(p, table, resized.data(), plan, out);
+    } else {
+      out = write_patch_rows(p, table, images[i].data(), plan, out);
+    }
+    // grid_t: the tiled depth divided by temporal_patch_size, always 1.
+    result.grid_thw(i, 0) = 1;
+    result.grid_thw(i, 1) = plan.grid_h;
+    result.grid_thw(i, 2) = plan.grid_w;
+  }
+  return result;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Processor
+// ---------------------------------------------------------------------------
+
+Qwen2VLImageProcessor::Qwen2VLImageProcessor(bool do_resize, long long min_pixels,
+                                             long long max_pixels, bool do_rescale,
+                                             float rescale_factor, bool do_normalize,
+                                             std::vector<float> image_mean,
+                                             std::vector<float> image_std, size_t patch_size,
+                                             size_t temporal_patch_size, size_t merge_size)
+    : do_resize(do_resize),
+      min_pixels(min_pixels),
+      max_pixels(max_pixels),
+      do_rescale(do_rescale),
+      rescale_factor(rescale_factor),
+      do_normalize(do_normalize),
+      image_mean(xt::adapt(image_mean, {image_mean.size()})),
+      image_std(xt::adapt(image_std, {image_std.size()})),
+      patch_size(patch_size),
+      temporal_patch_size(temporal_patch_size),
+      merge_size(merge_size) {}
+
+Qwen2VLImageOutput Qwen2VLImageProcessor::preprocess(const std::string& image_path) {
+  return _preprocess_single_image(load_image(image_path));
+}
+
+Qwen2VLImageOutput Qwen2VLImageProcessor::preprocess(
+    const std::vector<xt::xtensor<uint8_t, 3>>& images) {
+  // Nothing to stack: the two default-constructed (zero-dimensional) arrays.
+  if (images.empty()) return Qwen2VLImageOutput{};
+  return process_images(*this, images.data(), images.size());
+}
+
+Qwen2VLImageOutput Qwen2VLImageProcessor::_preprocess_single_image(
+    const xt::xtensor<uint8_t, 3>& image) {
+  return process_images(*this, &image, 1);
+}
+
+}  // namespace qwen2vl

@@ -6,9 +6,12 @@
 #include <vector>
 
 #include "stb_image_write.h"
+#include "convnext.hpp"
 #include "dia.hpp"
+#include "qwen2vl.hpp"
 #include "streamer.hpp"
 #include "yolo.hpp"
+#include "zentil.hpp"
 
 // A tokenizer defined outside the library: id = byte value.
 struct ByteTokenizer : Tokenizer {
@@ -37,6 +40,11 @@ int main() {
 
   dia::DiaPreprocessor dp;
   if (dp.prepareTextInput("[S1]a", 0, 3) != xt::xarray<uint8_t>{{1, 'a', 0}}) return 5;
+
+  if (qwen2vl::smart_resize(224, 224, 28, 3136, 1003520).first != 224 ||
+      qwen2vl::kDefaultImageStd.size() != 3 ||
+      zentil::ZentilPreprocessor(8).process(path).size() != 192)
+    return 6;
 
   std::remove(path.c_str());
   std::puts("consumer: ok");
