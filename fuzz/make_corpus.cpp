@@ -85,6 +85,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   const fs::path dir = argv[1];
+  fs::remove_all(dir);  // start clean: only the valid files get damaged copies
   fs::create_directories(dir);
 
   std::vector<uint8_t> rgba(6 * 5 * 4);
@@ -113,6 +114,7 @@ int main(int argc, char** argv) {
   for (const auto& entry : fs::directory_iterator(dir)) valid.push_back(entry.path());
   for (const fs::path& p : valid) {
     const Bytes b = load(p);
+    if (b.size() < 4) continue;
     const std::string stem = p.filename().string();
     for (size_t cut : {b.size() / 4, b.size() / 2, b.size() - 1})
       save(dir / ("cut" + std::to_string(cut) + "-" + stem), Bytes(b.begin(), b.begin() + long(cut)));

@@ -83,6 +83,27 @@ inline std::string write(const Pixels& p, Format format, const std::string& name
   return path;
 }
 
+// A Softimage PIC file (a format the writer lacks), byte by byte: one raw
+// RGB packet, `rgb` holding width * height * 3 samples. Cutting `drop` bytes
+// off the end makes a truncated file.
+inline std::string write_pic(int width, int height, const std::vector<uint8_t>& rgb,
+                             const std::string& name, size_t drop = 0) {
+  std::vector<uint8_t> b = {0x53, 0x80, 0xF6, 0x34};
+  b.resize(88, 0);
+  b.insert(b.end(), {'P', 'I', 'C', 'T', uint8_t(width >> 8), uint8_t(width), uint8_t(height >> 8),
+                     uint8_t(height)});
+  b.resize(b.size() + 8, 0);           // ratio, fields, pad
+  b.insert(b.end(), {0, 8, 0, 0xE0});  // last packet, 8 bits, raw, R|G|B
+  b.insert(b.end(), rgb.begin(), rgb.end());
+  b.resize(b.size() - drop);
+  const std::string path = (scratch_dir() / name).string();
+  std::FILE* f = std::fopen(path.c_str(), "wb");
+  if (!f) throw std::runtime_error("cannot write " + path);
+  std::fwrite(b.data(), 1, b.size(), f);
+  std::fclose(f);
+  return path;
+}
+
 // A file whose bytes are not an image in any format.
 inline std::string write_garbage(const std::string& name) {
   const std::string path = (scratch_dir() / name).string();

@@ -99,6 +99,16 @@ TEST(RawImageLoad, GreyAlphaAndJpegBecomeThreeChannels) {
   EXPECT_NEAR(pixel(j, 7, 3)[2], 60, 3);
 }
 
+TEST(RawImageLoad, PicFilesDecodeAndTruncatedOnesFailCleanly) {
+  const std::vector<uint8_t> rgb = {1, 2, 3, 40, 50, 60};
+  const yolo::RawImage pic(testimg::write_pic(2, 1, rgb, "ok.pic"));
+  EXPECT_EQ(pic.channels, 3);
+  EXPECT_EQ(pic.data, rgb);
+  // A decode that fails inside the pixel data once dereferenced a null buffer.
+  const std::string cut = testimg::write_pic(2, 1, rgb, "cut.pic", 4);
+  EXPECT_EQ(error_of([&] { yolo::RawImage im(cut); }), "stbi_load failed for: " + cut);
+}
+
 TEST(RawImageLoad, UnreadableFilesNameThePath) {
   const std::string missing = (testimg::scratch_dir() / "missing.png").string();
   EXPECT_EQ(error_of([&] { yolo::RawImage im(missing); }), "stbi_load failed for: " + missing);
@@ -110,9 +120,11 @@ TEST(RawImageLoad, ImagesOverTheBuildsSizeCapAreRefused) {
   constexpr long cap = VEMOPROC_TEST_MAX_DIMENSION;
   if (cap > 65536) GTEST_SKIP() << "cap " << cap << " too large to test cheaply";
   const int side = static_cast<int>(cap);
-  const std::string at_cap = testimg::write(testimg::solid(side, 1, 5, 5, 5), Format::Png, "cap.png");
+  const std::string at_cap =
+      testimg::write(testimg::solid(side, 1, 5, 5, 5), Format::Png, "cap.png");
   EXPECT_EQ(yolo::RawImage(at_cap).width, side);
-  const std::string over = testimg::write(testimg::solid(1, side + 1, 5, 5, 5), Format::Png, "over.png");
+  const std::string over =
+      testimg::write(testimg::solid(1, side + 1, 5, 5, 5), Format::Png, "over.png");
   EXPECT_EQ(error_of([&] { yolo::RawImage im(over); }), "stbi_load failed for: " + over);
 }
 

@@ -22,6 +22,8 @@
 #include <xtensor/xadapt.hpp>
 
 #include <stb_image.h>
+
+#include "../stb_rgb.hpp"
 #include <stb_image_resize2.h>
 
 namespace qwen2vl {
@@ -167,7 +169,7 @@ xt::xtensor<uint8_t, 3> Qwen2VLImageProcessor::load_image(const std::string& ima
   int height = 0;
   int channels_in_file = 0;
   std::unique_ptr<stbi_uc, decltype(&stbi_image_free)> pixels(
-      stbi_load(image_path.c_str(), &width, &height, &channels_in_file, 3), &stbi_image_free);
+      vemoproc_load_rgb(image_path.c_str(), &width, &height, &channels_in_file), &stbi_image_free);
   if (!pixels) throw std::runtime_error("Failed to load image: " + image_path);
   auto image = xt::xtensor<uint8_t, 3>::from_shape(
       {static_cast<size_t>(height), static_cast<size_t>(width), size_t{3}});

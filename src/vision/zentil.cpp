@@ -9,6 +9,8 @@
 #include <vector>
 
 #include <stb_image.h>
+
+#include "../stb_rgb.hpp"
 #include <stb_image_resize2.h>
 
 namespace zentil {
@@ -46,7 +48,7 @@ xt::xarray<float> ZentilPreprocessor::process(const std::string& image_path) {
   int width = 0;
   int height = 0;
   int channels_in_file = 0;
-  StbiPixels pixels(stbi_load(image_path.c_str(), &width, &height, &channels_in_file, 3),
+  StbiPixels pixels(vemoproc_load_rgb(image_path.c_str(), &width, &height, &channels_in_file),
                     &stbi_image_free);
   if (!pixels) throw std::runtime_error("Failed to load image: " + image_path);
 

@@ -12,6 +12,8 @@
 #include <stdexcept>
 
 #include <stb_image.h>
+
+#include "../stb_rgb.hpp"
 #include <stb_image_resize2.h>
 #include <stb_easy_font.h>
 
@@ -55,7 +57,7 @@ RawImage::RawImage(const std::string& path) {
   int w = 0;
   int h = 0;
   int channels_in_file = 0;
-  StbiPixels pixels(stbi_load(path.c_str(), &w, &h, &channels_in_file, 3), &stbi_image_free);
+  StbiPixels pixels(vemoproc_load_rgb(path.c_str(), &w, &h, &channels_in_file), &stbi_image_free);
   if (!pixels) throw std::runtime_error("stbi_load failed for: " + path);
   data.assign(pixels.get(), pixels.get() + rgb_bytes(w, h));
   width = w;
