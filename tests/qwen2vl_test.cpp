@@ -150,6 +150,21 @@ TEST(LoadImage, AnyFileGivesThreeChannels) {
             "Failed to load image: " + missing);
 }
 
+TEST(LoadImage, AFileDeclaringZeroRowsGivesAnEmptyImage) {
+  // A radiance header with zero rows decodes to an empty pixel buffer.
+  const std::string path = (testimg::scratch_dir() / "empty.hdr").string();
+  std::FILE* f = std::fopen(path.c_str(), "wb");
+  ASSERT_NE(f, nullptr);
+  std::fputs("#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y 0 +X 4\n", f);
+  std::fclose(f);
+  try {
+    const Image empty = Qwen2VLImageProcessor::load_image(path);
+    EXPECT_EQ(empty.size(), 0u);
+  } catch (const std::runtime_error& e) {
+    EXPECT_EQ(std::string(e.what()), "Failed to load image: " + path);
+  }
+}
+
 // Raw values (no rescale, no normalisation) show where every pixel lands.
 TEST(Qwen2VLImageProcessor, MergeOrderedPatchLayout) {
   const Image img = make_image(224, 224, 1);

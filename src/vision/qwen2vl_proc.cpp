@@ -173,7 +173,7 @@ xt::xtensor<uint8_t, 3> Qwen2VLImageProcessor::load_image(const std::string& ima
   if (!pixels) throw std::runtime_error("Failed to load image: " + image_path);
   auto image = xt::xtensor<uint8_t, 3>::from_shape(
       {static_cast<size_t>(height), static_cast<size_t>(width), size_t{3}});
-  std::memcpy(image.data(), pixels.get(), image.size());
+  std::copy_n(pixels.get(), image.size(), image.data());  // may be empty: no memcpy of null
   return image;
 }
 
