@@ -1,39 +1,7 @@
 #!/usr/bin/env bash
 # Drives the vemoproc tool as a person would, on files made here.
-set -euo pipefail
-exe=$1
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work"
-fail() { echo "FAIL: $*" >&2; exit 1; }
+source "$(dirname "${BASH_SOURCE[0]}")/cli_lib.sh"
 
-"$exe" --help >/dev/null || fail "--help"
-
-# npy FILE DESCR SHAPE BYTES VALUE...: a version 1.0 .npy file whose elements
-# are BYTES-wide little-endian words (integers, or float bit patterns in hex).
-npy() {
-  local file=$1 descr=$2 shape=$3 width=$4
-  shift 4
-  local header="{'descr': '$descr', 'fortran_order': False, 'shape': $shape, }"
-  local pad=$(((64 - (10 + ${#header} + 1) % 64) % 64))
-  header="$header$(printf '%*s' "$pad" '')"
-  local len=$((${#header} + 1))
-  {
-    printf '\x93NUMPY\x01\x00'
-    printf "\\x$(printf %02x $((len & 255)))\\x$(printf %02x $((len >> 8)))"
-    printf '%s\n' "$header"
-    for v in "$@"; do
-      for ((b = 0; b < width; b++)); do printf "\\x$(printf %02x $(((v >> (8 * b)) & 255)))"; done
-    done
-  } >"$file"
-}
-# values FILE TYPE: the elements of an .npy file as od prints them (TYPE: d4, d8, f4).
-values() {
-  local hl
-  hl=$(od -An -t u2 -j 8 -N 2 "$1" | tr -d ' ')
-  od -An -v -t "$2" -j $((10 + hl)) "$1" | xargs
-}
-descr() { head -c 100 "$1" | grep -a -o "'descr': '[^']*'" | cut -d"'" -f4; }
 
 # dia-text: tags fold to 1 and 2, the rest is padded.
 out=$("$exe" dia-text "[S1] Hello [S2] Hi" --max-len 20 --pad 7)
@@ -62,12 +30,6 @@ npy codesf.npy '<f4' '(1, 2, 2)' 4 0x3f800000 0x40000000 0x40400000 0x40800000
 [ "$(values delayedf.npy f4 | tr -s ' ')" = "1 9 3 2" ] || fail "float delay: $(values delayedf.npy f4)"
 
 # Usage errors: one line on stderr, exit status 1.
-expect_error() {
-  local pattern=$1
-  shift
-  if "$exe" "$@" 2>err.txt; then fail "accepted: $*"; fi
-  grep -q -- "$pattern" err.txt || fail "'$*' said: $(cat err.txt)"
-}
 expect_error "3 entries" dia-delay codes.npy --delays 0,1,2 --bos 1 --pad 0 -o x.npy
 expect_error "--bos is required" dia-delay codes.npy --delays 0,1 --pad 0 -o x.npy
 expect_error "comma-separated" dia-delay codes.npy --delays 0,x --bos 1 --pad 0 -o x.npy

@@ -1,18 +1,10 @@
 #!/usr/bin/env bash
 # Drives the vemoproc tool as a person would, on files made here.
-set -euo pipefail
-exe=$1
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work"
-fail() { echo "FAIL: $*" >&2; exit 1; }
-
-"$exe" --help >/dev/null || fail "--help"
+source "$(dirname "${BASH_SOURCE[0]}")/cli_lib.sh"
 
 # Images as PNM, which the decoder reads: a random RGB 64x48 and a black grey 30x20.
 { printf 'P6\n64 48\n255\n'; head -c $((64 * 48 * 3)) /dev/urandom; } > rgb.ppm
 { printf 'P5\n30 20\n255\n'; head -c 600 /dev/zero; } > black.pgm
-shape_of() { head -c 128 "$1" | tr -d '\0' | grep -o "'shape': ([0-9, ]*)"; }
 
 "$exe" convnext rgb.ppm --size 224 --crop-pct 0.875 -o c.npy >/dev/null || fail "convnext"
 [ "$(shape_of c.npy)" = "'shape': (3, 224, 224)" ] || fail "convnext shape: $(shape_of c.npy)"
@@ -33,12 +25,6 @@ grep -q "black.pgm: grid (t, h, w) = (1, 6, 6), 36 patch rows" <<<"$out" || fail
 [ "$(shape_of q8.npy)" = "'shape': (48, 192)" ] || fail "qwen2vl options shape: $(shape_of q8.npy)"
 
 # Bad input: one error line, exit status 1, no output file.
-expect_error() {
-  local want=$1; shift
-  local err
-  if err=$("$exe" "$@" 2>&1 >/dev/null); then fail "$* succeeded"; fi
-  grep -q "$want" <<<"$err" || fail "$*: $err"
-}
 expect_error "no such file: missing.png" convnext missing.png -o m.npy
 expect_error "crop_pct must be in (0, 1\]" convnext rgb.ppm --crop-pct 1.5 -o m.npy
 expect_error "size must not be negative" zentil rgb.ppm --size -2 -o m.npy

@@ -1,23 +1,7 @@
 #!/usr/bin/env bash
 # Drives the vemoproc tool as a person would, on files made here.
-set -euo pipefail
-exe=$1
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work"
-fail() { echo "FAIL: $*" >&2; exit 1; }
+source "$(dirname "${BASH_SOURCE[0]}")/cli_lib.sh"
 
-"$exe" --help >/dev/null || fail "--help"
-
-# A float32 .npy written byte by byte: npy NAME 'SHAPE' VALUES...
-npy() {
-  local name=$1 shape=$2; shift 2
-  perl -e '
-    my ($shape, @v) = @ARGV;
-    my $h = "{\x27descr\x27: \x27<f4\x27, \x27fortran_order\x27: False, \x27shape\x27: $shape, }";
-    $h .= " " x (63 - (10 + length($h)) % 64) . "\n";
-    print "\x93NUMPY\x01\x00", pack("v", length($h)), $h, pack("f<*", @v);' "$shape" "$@" > "$name"
-}
 
 # demo: annotated PNG, stage times, detections
 "$exe" demo -o scene.png > demo.txt || fail "demo"
@@ -31,27 +15,19 @@ grep -q '^5 detection(s)' demo.txt || fail "demo detections: $(cat demo.txt)"
 [ -s batch.npy ] || fail "yolo-preprocess wrote nothing"
 
 # postprocess: one box of class 1 on a 960x640 image seen at 640x640 (gain 2/3, pad_y 106.57)
-npy head.npy '(2, 6)' 320 320 64 64 0.1 0.9   100 100 10 10 0.2 0.1
+npy_f32 head.npy '(2, 6)' 320 320 64 64 0.1 0.9   100 100 10 10 0.2 0.1
 "$exe" yolo-postprocess head.npy --input-size 640x640 --image scene.png --draw drawn.png > post.txt \
   || fail "yolo-postprocess"
 grep -q '^1 detection(s)' post.txt || fail "postprocess count: $(cat post.txt)"
 grep -q '^1 cls_1 0.9000 432.1 ' post.txt || fail "postprocess row: $(cat post.txt)"
 [ -s drawn.png ] || fail "--draw wrote nothing"
 # the channel-first layout of common exports, with a batch axis
-npy head_cn.npy '(1, 6, 1)' 320 320 64 64 0.1 0.9
+npy_f32 head_cn.npy '(1, 6, 1)' 320 320 64 64 0.1 0.9
 printf 'a\nb\n' > names.txt
 "$exe" yolo-postprocess head_cn.npy --layout cn --names names.txt --input-size 640x640 --image scene.png \
   | grep -q '^1 b 0.9000' || fail "--layout cn"
 
 # usage errors: one line, non-zero exit, no crash
-expect_error() {
-  local pattern=$1; shift
-  local err status=0
-  err=$("$exe" "$@" 2>&1 >/dev/null) || status=$?
-  [ "$status" -ne 0 ] && [ "$status" -lt 128 ] || fail "'$*' exited $status"
-  [ "$(printf '%s\n' "$err" | wc -l)" -eq 1 ] || fail "'$*' printed more than one line: $err"
-  printf '%s' "$err" | grep -q -- "$pattern" || fail "'$*' said: $err"
-}
 expect_error "no such file: missing.png" yolo-preprocess missing.png -o x.npy
 expect_error "WIDTHxHEIGHT" yolo-preprocess --size 640 scene.png -o x.npy
 expect_error "layout cn" yolo-postprocess head_cn.npy --input-size 640x640 --image scene.png

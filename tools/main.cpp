@@ -15,8 +15,14 @@ int main(int argc, char** argv) {
   add_stream_command(app);
   try {
     app.parse(argc, argv);
-  } catch (const CLI::ParseError& e) {
+  } catch (const CLI::CallForHelp& e) {
     return app.exit(e);
+  } catch (const CLI::CallForAllHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    // A usage error is one line, like every other error of the tool.
+    std::cerr << "vemoproc: error: " << e.what() << " (see --help)\n";
+    return e.get_exit_code();
   } catch (const std::exception& e) {
     std::cerr << "vemoproc: error: " << e.what() << "\n";
     return 1;
