@@ -4,7 +4,7 @@
 //   sampling            vs  memcpy of the logits, the random device opened once
 //                           per row (which every draw must do), and a full sort
 //                           of one row (what an unfiltered selection would cost).
-#include <benchmark/benchmark.h>
+#include "ratios.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -131,4 +131,10 @@ BENCHMARK(BM_SampleBaselineFullSort)->ArgName("vocab")->Arg(151936);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  return benchratio::run(argc, argv,
+                         {{"BM_ShiftAudioDelay/apply", "BM_DelayBaselineMemcpy", 3.0},
+                          {"BM_ShiftAudioDelay/revert", "BM_DelayBaselineMemcpy", 3.0},
+                          {"BM_SampleNextToken/rows:1/vocab:151936/top_k:50/top_p%:90/temp*10:10",
+                           "BM_SampleBaselineFullSort/vocab:151936", 0}});
+}

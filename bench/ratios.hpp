@@ -5,6 +5,8 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <malloc.h>
 #include <map>
 #include <string>
 #include <utility>
@@ -34,7 +36,21 @@ class CollectingReporter : public benchmark::ConsoleReporter {
   std::map<std::string, double> times_;
 };
 
+// Results are freed and reallocated every iteration. glibc hands large blocks
+// back to the kernel and maps them afresh, so benchmarks would time first-touch
+// page faults of each fresh result (a property of the machine, paid by any new
+// buffer of that size) while their memcpy baselines reuse a warm buffer.
+// Keeping freed memory in the process makes every benchmark measure the
+// library's own work; VEMOPROC_BENCH_SYSTEM_MALLOC=1 skips this.
+inline void keep_freed_memory() {
+  if (std::getenv("VEMOPROC_BENCH_SYSTEM_MALLOC") != nullptr) return;
+  mallopt(M_MMAP_THRESHOLD, 32 << 20);
+  mallopt(M_TRIM_THRESHOLD, 1 << 30);
+  mallopt(M_MMAP_MAX, 0);
+}
+
 inline int run(int argc, char** argv, const std::vector<Pair>& pairs) {
+  keep_freed_memory();
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   CollectingReporter reporter;

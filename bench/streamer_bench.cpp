@@ -3,7 +3,7 @@
 // that discards its bytes. Baselines in the same run: decoding the same caches
 // with the same tokenizer (the work every streamer step has to do anyway), and
 // a memcpy of the text.
-#include <benchmark/benchmark.h>
+#include "ratios.hpp"
 
 #include <cstring>
 #include <ostream>
@@ -118,4 +118,6 @@ BENCHMARK(BM_MemcpyText);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  return benchratio::run(argc, argv, {{"BM_TextStreamer", "BM_DecodeSameCaches", 0}});
+}

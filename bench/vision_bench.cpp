@@ -1,15 +1,13 @@
 // Vision inputs: ConvNeXt / Zentil on a 1080p JPEG next to a decode-only
 // baseline; Qwen2-VL single image, batches, and the patch stage alone next to
 // a memcpy of its output bytes.
-#include <benchmark/benchmark.h>
+#include "ratios.hpp"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include <malloc.h>
 
 #include "convnext.hpp"
 #include "qwen2vl.hpp"
@@ -126,21 +124,11 @@ BENCHMARK(BM_MemcpyPatchBytes1008)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
-// Results are freed and reallocated every iteration. glibc hands large blocks
-// back to the kernel and maps them afresh, so the batch benchmarks would time
-// first-touch page faults of the result (a property of the machine, paid by
-// any fresh buffer of that size) while the small single-image result is
-// reused warm. Keeping freed memory in the process makes every benchmark
-// measure the library's own work; VEMOPROC_BENCH_SYSTEM_MALLOC=1 skips this.
 int main(int argc, char** argv) {
-  if (std::getenv("VEMOPROC_BENCH_SYSTEM_MALLOC") == nullptr) {
-    mallopt(M_MMAP_THRESHOLD, 32 << 20);
-    mallopt(M_TRIM_THRESHOLD, 1 << 30);
-    mallopt(M_MMAP_MAX, 0);
-  }
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  return benchratio::run(argc, argv,
+                         {{"BM_Qwen2VLBatch448/32", "BM_Qwen2VLBatch448/1", 40.0},
+                          {"BM_Qwen2VLBatch448/8", "BM_Qwen2VLBatch448/1", 0},
+                          {"BM_Qwen2VLPatchStage1008", "BM_MemcpyPatchBytes1008", 4.0},
+                          {"BM_ConvNextProcess1080p", "BM_DecodeJpeg1080p", 0},
+                          {"BM_ZentilProcess1080p", "BM_DecodeJpeg1080p", 0}});
 }
