@@ -12,9 +12,9 @@
 #include <vector>
 
 #include <stb_image.h>
+#include <stb_image_resize2.h>
 
 #include "../stb_rgb.hpp"
-#include <stb_image_resize2.h>
 
 namespace convnext {
 

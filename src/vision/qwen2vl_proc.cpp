@@ -22,9 +22,9 @@
 #include <xtensor/xadapt.hpp>
 
 #include <stb_image.h>
+#include <stb_image_resize2.h>
 
 #include "../stb_rgb.hpp"
-#include <stb_image_resize2.h>
 
 namespace qwen2vl {
 

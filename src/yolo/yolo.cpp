@@ -12,10 +12,10 @@
 #include <stdexcept>
 
 #include <stb_image.h>
-
-#include "../stb_rgb.hpp"
 #include <stb_image_resize2.h>
 #include <stb_easy_font.h>
+
+#include "../stb_rgb.hpp"
 
 #include "pack.hpp"
 
