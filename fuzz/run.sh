@@ -23,6 +23,8 @@ mkdir -p "$corpus" "$artifacts"
 export ASAN_OPTIONS=detect_leaks=1:halt_on_error=1:abort_on_error=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 status=0
+passed=0
+failed=0
 summary=""
 for harness in $(cd "$build/fuzz" && ls fuzz_* | sort); do
   mkdir -p "$corpus/$harness"
@@ -35,11 +37,14 @@ for harness in $(cd "$build/fuzz" && ls fuzz_* | sort); do
        "$corpus/$harness" "${seeds[@]}" >"$log" 2>&1; then
     execs=$(grep -m1 'stat::number_of_executed_units' "$log" | awk '{print $2}')
     summary+="$harness: ${execs:-?} executions in ${seconds}s"$'\n'
+    passed=$((passed + 1))
   else
     status=1
+    failed=$((failed + 1))
     summary+="$harness: FAILED (see $log)"$'\n'
     tail -n 40 "$log"
   fi
 done
 printf '\n%s' "$summary"
+echo "fuzz: $passed passed, $failed failed"
 exit $status
