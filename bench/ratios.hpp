@@ -22,18 +22,27 @@ struct Pair {
 
 class CollectingReporter : public benchmark::ConsoleReporter {
  public:
+  // With --benchmark_repetitions the median stands for the benchmark.
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& r : runs) {
-      if (r.run_type == Run::RT_Iteration && !r.error_occurred) {
-        times_[r.benchmark_name()] = r.GetAdjustedRealTime();
+      if (r.error_occurred) continue;
+      if (r.run_type == Run::RT_Aggregate && r.aggregate_name == "median") {
+        medians_[r.run_name.str()] = r.GetAdjustedRealTime();
+      } else if (r.run_type == Run::RT_Iteration) {
+        times_[r.run_name.str()] = r.GetAdjustedRealTime();
       }
     }
     ConsoleReporter::ReportRuns(runs);
   }
-  const std::map<std::string, double>& times() const { return times_; }
+  std::map<std::string, double> times() const {
+    std::map<std::string, double> all = times_;
+    for (const auto& [name, t] : medians_) all[name] = t;
+    return all;
+  }
 
  private:
   std::map<std::string, double> times_;
+  std::map<std::string, double> medians_;
 };
 
 // Results are freed and reallocated every iteration. glibc hands large blocks
@@ -56,11 +65,12 @@ inline int run(int argc, char** argv, const std::vector<Pair>& pairs) {
   CollectingReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
-  std::printf("\nRatios (same run, real time per iteration):\n");
+  std::printf("\nRatios (same run, real time per iteration; medians when repeated):\n");
+  const std::map<std::string, double> times = reporter.times();
   for (const Pair& p : pairs) {
-    const auto s = reporter.times().find(p.subject);
-    const auto b = reporter.times().find(p.baseline);
-    if (s == reporter.times().end() || b == reporter.times().end()) continue;
+    const auto s = times.find(p.subject);
+    const auto b = times.find(p.baseline);
+    if (s == times.end() || b == times.end()) continue;
     std::printf("  %-40s / %-32s = %6.2f", p.subject.c_str(), p.baseline.c_str(),
                 s->second / b->second);
     if (p.target > 0) std::printf("   (target <= %.1f)", p.target);
