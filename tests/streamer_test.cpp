@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <memory>
 #include <stdexcept>
 #include <streambuf>
 #include <string>
@@ -237,36 +236,6 @@ TEST_F(StreamerTest, ShorterDecodeThrowsAndKeepsTheState) {
   tok.whole.erase({1, 2, 3, 4});
   s.put({});  // end() failed before changing anything: no prompt skip, print_len 8
   expect("Hello xyy", 3);
-}
-
-// A streamer written in the user's own program, driven through the interface
-// next to the library's one.
-class Collector : public BaseStreamer {
- public:
-  std::vector<int> seen;
-  int ends = 0;
-  void put(const std::vector<int>& tokens) override {
-    seen.insert(seen.end(), tokens.begin(), tokens.end());
-  }
-  void end() override { ++ends; }
-};
-
-TEST_F(StreamerTest, UserCodeDerivesFromTheInterfaces) {
-  tok.pieces = {{1, "a"}, {2, "b"}};
-  std::vector<std::unique_ptr<BaseStreamer>> streamers;
-  streamers.push_back(std::make_unique<TextStreamer>(tok, out, false));
-  streamers.push_back(std::make_unique<Collector>());
-  for (auto& s : streamers) {
-    s->put({1});
-    s->put({2});
-    s->end();
-  }
-  expect("ab\n", 3);
-  ASSERT_NE(dynamic_cast<TextStreamer*>(streamers[0].get()), nullptr);
-  const auto* c = dynamic_cast<Collector*>(streamers[1].get());
-  ASSERT_NE(c, nullptr);
-  EXPECT_EQ(c->seen, (std::vector<int>{1, 2}));
-  EXPECT_EQ(c->ends, 1);
 }
 
 }  // namespace
