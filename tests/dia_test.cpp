@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <map>
@@ -109,6 +110,27 @@ TEST(DiaDelay, RevertCapsAtLastFrameAndPadsAgainstBound) {
   }
 }
 
+// Blocks long enough for the vector loop, with a tail: every element against
+// the per-element definition of both shifts.
+TEST(DiaDelay, LongBlocksMatchThePerElementShift) {
+  const int B = 2, T = 21, C = 3;
+  const std::vector<int> delays{0, 5, 30};
+  xt::xarray<float> audio = xt::xarray<float>::from_shape({2, 21, 3});
+  for (size_t i = 0; i < audio.size(); ++i) audio.data()[i] = static_cast<float>(i);
+  const auto applied = dp.applyAudioDelay(audio, -2, -1, dp.buildDelayIndices(B, T, C, delays));
+  const auto reverted = dp.revertAudioDelay(audio, -2, dp.buildRevertIndices(B, T, C, delays), 19);
+  for (int b = 0; b < B; ++b) {
+    for (int t = 0; t < T; ++t) {
+      for (int c = 0; c < C; ++c) {
+        const int from = t - delays[c];
+        EXPECT_EQ(applied(b, t, c), from < 0 ? -1.0f : audio(b, from, c)) << b << t << c;
+        const int to = std::min(t + delays[c], T - 1);
+        EXPECT_EQ(reverted(b, t, c), to >= 19 ? -2.0f : audio(b, to, c)) << b << t << c;
+      }
+    }
+  }
+}
+
 TEST(DiaDelay, RejectsPairsAndArgumentsOutsideTheContract) {
   const xt::xarray<float> audio = xt::zeros<float>({1, 3, 2});
   const auto for_t4 = dp.buildDelayIndices(1, 4, 2, {0, 1});
@@ -121,6 +143,13 @@ TEST(DiaDelay, RejectsPairsAndArgumentsOutsideTheContract) {
   std::get<1>(forged)(5) = -1;
   EXPECT_THROW(dp.revertAudioDelay(audio, 0, forged, 3), std::runtime_error);
   EXPECT_THROW(dp.applyAudioDelay(xt::zeros<float>({6}), 0, 0, forged), std::runtime_error);
+  // A bad offset in the middle of a long block, past the first vector groups.
+  const xt::xarray<float> long_audio = xt::zeros<float>({1, 20, 2});
+  Pair long_forged = dp.buildDelayIndices(1, 20, 2, {0, 1});
+  std::get<1>(long_forged)(17) = 40;
+  EXPECT_THROW(dp.applyAudioDelay(long_audio, 0, 0, long_forged), std::runtime_error);
+  std::get<1>(long_forged)(17) = std::numeric_limits<int>::min();
+  EXPECT_THROW(dp.applyAudioDelay(long_audio, 0, 0, long_forged), std::runtime_error);
 
   EXPECT_THROW(dp.buildDelayIndices(1, 4, 2, {0, 1, 2}), std::runtime_error);  // length != C
   EXPECT_THROW(dp.buildRevertIndices(-1, 4, 2, {0, 1}), std::runtime_error);

@@ -12,6 +12,10 @@
 #include <random>
 #include <stdexcept>
 
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#endif
+
 #include <xtensor/xadapt.hpp>
 #include <xtensor/xbuilder.hpp>
 
@@ -197,36 +201,70 @@ IndexPair DiaPreprocessor::buildRevertIndices(int B, int T, int C,
 
 namespace {
 
+#if defined(__x86_64__) || defined(__i386__)
+// Eight elements at a time with the hardware gather. Each group of offsets is
+// checked against the block before it is gathered from; the function stops at
+// the first group holding an offset outside it (or at the tail) and returns
+// how many elements it wrote, leaving the rest to the portable loop.
+__attribute__((target("avx2"))) size_t shift_avx2(const float* a, const int* g, const int* t,
+                                                  float* o, size_t n, int lo, float below, int hi,
+                                                  float above) {
+  const __m256i last = _mm256_set1_epi32(static_cast<int>(n - 1));
+  const __m256i vlo = _mm256_set1_epi32(lo);
+  const __m256i vhi = _mm256_set1_epi32(hi);
+  const __m256 vbelow = _mm256_set1_ps(below);
+  const __m256 vabove = _mm256_set1_ps(above);
+  size_t i = 0;
+  for (; i + 8 <= n; i += 8) {
+    const __m256i gi = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(g + i));
+    // Unsigned: a negative offset reads as a huge one.
+    const __m256i inside = _mm256_cmpeq_epi32(_mm256_min_epu32(gi, last), gi);
+    if (_mm256_movemask_epi8(inside) != -1) break;
+    const __m256i ti = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(t + i));
+    const __m256 gathered = _mm256_setr_ps(a[g[i]], a[g[i + 1]], a[g[i + 2]], a[g[i + 3]],
+                                           a[g[i + 4]], a[g[i + 5]], a[g[i + 6]], a[g[i + 7]]);
+    const __m256 in_range = _mm256_castsi256_ps(_mm256_cmpgt_epi32(vhi, ti));
+    const __m256 before = _mm256_castsi256_ps(_mm256_cmpgt_epi32(vlo, ti));
+    const __m256 kept = _mm256_blendv_ps(vabove, gathered, in_range);
+    _mm256_storeu_ps(o + i, _mm256_blendv_ps(kept, vbelow, before));
+  }
+  return i;
+}
+#endif
+
 // One gather and one selection over the block:
 // out[i] = t < lo ? below : (t >= hi ? above : audio[gather[i]]), t = time_index[i].
-// The pair is checked against the block first, so the gather never reads
-// outside it. Its offsets are ints, so a block of more than INT_MAX elements
-// cannot match any pair.
+// Every offset is checked against the block before it is read from, so a pair
+// built for another shape throws instead of reading outside the block. The
+// offsets are ints, so a block of more than INT_MAX elements cannot match any
+// pair.
 xt::xarray<float> shift_block(const char* function, const xt::xarray<float>& audio,
                               const IndexPair& pair, int lo, float below, int hi, float above) {
   const auto& time_index = std::get<0>(pair);
   const auto& gather = std::get<1>(pair);
   const size_t n = audio.size();
+  const auto mismatch = [function] {
+    return error(function, "precomputed indices do not match the audio shape");
+  };
   if (time_index.shape() != audio.shape() || gather.size() != n ||
       n > static_cast<size_t>(kIntMax)) {
-    throw error(function, "precomputed indices do not match the audio shape");
-  }
-  // Negative offsets read as huge unsigned values, so one maximum checks both
-  // ends (a separate pass that vectorises, leaving the gather loop lean).
-  const int* g = gather.data();
-  uint32_t highest = 0;
-  for (size_t i = 0; i < n; ++i) highest = std::max(highest, static_cast<uint32_t>(g[i]));
-  if (n != 0 && highest >= n) {
-    throw error(function, "precomputed indices do not match the audio shape");
+    throw mismatch();
   }
 
   xt::xarray<float> out = xt::xarray<float>::from_shape(audio.shape());
+  const int* g = gather.data();
   const int* t = time_index.data();
   const float* a = audio.data();
   float* o = out.data();
-  for (size_t i = 0; i < n; ++i) {
-    const float v = a[static_cast<uint32_t>(g[i])];
-    o[i] = t[i] < lo ? below : (t[i] >= hi ? above : v);
+  size_t i = 0;
+#if defined(__x86_64__) || defined(__i386__)
+  static const bool has_avx2 = __builtin_cpu_supports("avx2");
+  if (has_avx2) i = shift_avx2(a, g, t, o, n, lo, below, hi, above);
+#endif
+  for (; i < n; ++i) {
+    const auto offset = static_cast<uint32_t>(g[i]);
+    if (offset >= n) throw mismatch();
+    o[i] = t[i] < lo ? below : (t[i] >= hi ? above : a[offset]);
   }
   return out;
 }
