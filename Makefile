@@ -58,7 +58,7 @@ bench: build
 	  echo "== $$b"; $(RELEASE)/bench/$$b --benchmark_counters_tabular=true || exit 1; done
 
 fuzz: setup
-	bash fuzz/run.sh $(BUILD)/fuzz $(FUZZ_SECONDS)
+	bash fuzz/run.sh $(BUILD)/fuzz $(FUZZ_SECONDS) $(FUZZ_ONLY)
 
 install: build
 	cmake --install $(RELEASE) --prefix $(PREFIX)

@@ -1,17 +1,19 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer harnesses with clang (ASan + UBSan, float-cast-overflow
 # included), makes the seed corpora and runs every harness for SECONDS each.
-# Usage: fuzz/run.sh BUILD_DIR [SECONDS]. Fails on any crash, leak, UB report
+# Usage: fuzz/run.sh BUILD_DIR [SECONDS [HARNESS]]; HARNESS runs just that
+# one (e.g. fuzz_image_loaders). Fails on any crash, leak, UB report
 # or timeout; prints each harness's executions.
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 build=${1:-$root/build/fuzz}
 seconds=${2:-60}
+only=${3:-}
 case "$build" in /*) ;; *) build="$root/$build" ;; esac
 
 CC=clang CXX=clang++ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release \
   -DVEMOPROC_BUILD_FUZZ=ON -DVEMOPROC_SANITIZE=address,undefined \
-  -DVEMOPROC_MAX_IMAGE_DIMENSION=4096 \
+  -DVEMOPROC_MAX_IMAGE_DIMENSION=1024 \
   -DVEMOPROC_BUILD_TESTS=OFF -DVEMOPROC_BUILD_BENCH=OFF -DVEMOPROC_BUILD_TOOLS=OFF >/dev/null
 cmake --build "$build" -j"$(nproc)"
 
@@ -27,6 +29,7 @@ passed=0
 failed=0
 summary=""
 for harness in $(cd "$build/fuzz" && ls fuzz_* | sort); do
+  [ -n "$only" ] && [ "$harness" != "$only" ] && continue
   mkdir -p "$corpus/$harness"
   seeds=()
   [ "$harness" = fuzz_image_loaders ] && seeds=("$corpus/seeds-images")
