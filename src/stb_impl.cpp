@@ -9,6 +9,18 @@
 #define STBI_MAX_DIMENSIONS (1 << 24)
 #endif
 
+#include <cstdio>
+#include <cstring>
+
+// A PNG whose first data chunk is empty makes the decoder copy zero bytes into
+// a buffer it has not allocated yet, memcpy(nullptr, src, 0): undefined, and
+// licence for the compiler to drop the decoder's later null checks. Every copy
+// in the stb implementations goes through this one, which skips empty copies.
+static inline void* vemoproc_stb_memcpy(void* dst, const void* src, size_t n) {
+  return n == 0 ? dst : std::memcpy(dst, src, n);
+}
+#define memcpy vemoproc_stb_memcpy
+
 #define STB_IMAGE_IMPLEMENTATION
 #include <stb_image.h>
 
@@ -18,8 +30,7 @@
 #define STB_IMAGE_RESIZE_IMPLEMENTATION
 #include <stb_image_resize2.h>
 
-#include <cstdio>
-#include <cstring>
+#undef memcpy
 
 #include "stb_rgb.hpp"
 

@@ -1,7 +1,9 @@
 #pragma once
 // Real encoded image files for the tests, written with the stb writer that the
 // library exports, into a per-process scratch folder.
+#include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <stdexcept>
@@ -102,6 +104,25 @@ inline std::string write_pic(int width, int height, const std::vector<uint8_t>& 
   std::fwrite(b.data(), 1, b.size(), f);
   std::fclose(f);
   return path;
+}
+
+// Rewrites the PNG at `path` with an empty IDAT chunk in front of its first
+// one: legal, and a decoder must then copy zero bytes before it has a buffer.
+inline void insert_empty_idat(const std::string& path) {
+  std::FILE* f = std::fopen(path.c_str(), "rb");
+  if (!f) throw std::runtime_error("cannot read " + path);
+  std::vector<uint8_t> b;
+  for (int c; (c = std::fgetc(f)) != EOF;) b.push_back(static_cast<uint8_t>(c));
+  std::fclose(f);
+  static const uint8_t tag[4] = {'I', 'D', 'A', 'T'};
+  auto at = std::search(b.begin(), b.end(), tag, tag + 4);
+  if (at == b.end()) throw std::runtime_error("no IDAT in " + path);
+  // Length 0, the tag, and the CRC-32 of "IDAT".
+  b.insert(at - 4, {0, 0, 0, 0, 'I', 'D', 'A', 'T', 0x35, 0xAF, 0x06, 0x1E});
+  f = std::fopen(path.c_str(), "wb");
+  if (!f) throw std::runtime_error("cannot write " + path);
+  std::fwrite(b.data(), 1, b.size(), f);
+  std::fclose(f);
 }
 
 // A file whose bytes are not an image in any format.

@@ -109,6 +109,14 @@ TEST(RawImageLoad, PicFilesDecodeAndTruncatedOnesFailCleanly) {
   EXPECT_EQ(error_of([&] { yolo::RawImage im(cut); }), "stbi_load failed for: " + cut);
 }
 
+TEST(RawImageLoad, EmptyPngDataChunksAddNothing) {
+  const auto rgb =
+      testimg::make(3, 2, 3, [](int x, int y, int c) { return uint8_t(x + 7 * y + 50 * c); });
+  const std::string path = testimg::write(rgb, Format::Png, "empty-idat.png");
+  testimg::insert_empty_idat(path);
+  EXPECT_EQ(yolo::RawImage(path).data, rgb.data);
+}
+
 TEST(RawImageLoad, UnreadableFilesNameThePath) {
   const std::string missing = (testimg::scratch_dir() / "missing.png").string();
   EXPECT_EQ(error_of([&] { yolo::RawImage im(missing); }), "stbi_load failed for: " + missing);
