@@ -153,10 +153,8 @@ TEST(LoadImage, AnyFileGivesThreeChannels) {
 TEST(LoadImage, AFileDeclaringZeroRowsGivesAnEmptyImage) {
   // A radiance header with zero rows decodes to an empty pixel buffer.
   const std::string path = (testimg::scratch_dir() / "empty.hdr").string();
-  std::FILE* f = std::fopen(path.c_str(), "wb");
-  ASSERT_NE(f, nullptr);
-  std::fputs("#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y 0 +X 4\n", f);
-  std::fclose(f);
+  const std::string header = "#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y 0 +X 4\n";
+  testimg::write_bytes(path, {header.begin(), header.end()});
   try {
     const Image empty = Qwen2VLImageProcessor::load_image(path);
     EXPECT_EQ(empty.size(), 0u);

@@ -3,8 +3,9 @@
 // library exports, into a per-process scratch folder.
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -62,6 +63,19 @@ inline const std::filesystem::path& scratch_dir() {
   return dir.path;
 }
 
+inline std::vector<uint8_t> read_bytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw std::runtime_error("cannot read " + path);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+inline void write_bytes(const std::string& path, const std::vector<uint8_t>& bytes) {
+  std::ofstream out(path, std::ios::binary);
+  out.write(reinterpret_cast<const char*>(bytes.data()),
+            static_cast<std::streamsize>(bytes.size()));
+  if (!out) throw std::runtime_error("cannot write " + path);
+}
+
 // Writes `p` as a file named `name` in the scratch folder; returns its path.
 inline std::string write(const Pixels& p, Format format, const std::string& name) {
   const std::string path = (scratch_dir() / name).string();
@@ -99,39 +113,27 @@ inline std::string write_pic(int width, int height, const std::vector<uint8_t>& 
   b.insert(b.end(), rgb.begin(), rgb.end());
   b.resize(b.size() - drop);
   const std::string path = (scratch_dir() / name).string();
-  std::FILE* f = std::fopen(path.c_str(), "wb");
-  if (!f) throw std::runtime_error("cannot write " + path);
-  std::fwrite(b.data(), 1, b.size(), f);
-  std::fclose(f);
+  write_bytes(path, b);
   return path;
 }
 
 // Rewrites the PNG at `path` with an empty IDAT chunk in front of its first
 // one: legal, and a decoder must then copy zero bytes before it has a buffer.
 inline void insert_empty_idat(const std::string& path) {
-  std::FILE* f = std::fopen(path.c_str(), "rb");
-  if (!f) throw std::runtime_error("cannot read " + path);
-  std::vector<uint8_t> b;
-  for (int c; (c = std::fgetc(f)) != EOF;) b.push_back(static_cast<uint8_t>(c));
-  std::fclose(f);
+  std::vector<uint8_t> b = read_bytes(path);
   static const uint8_t tag[4] = {'I', 'D', 'A', 'T'};
   auto at = std::search(b.begin(), b.end(), tag, tag + 4);
   if (at == b.end()) throw std::runtime_error("no IDAT in " + path);
   // Length 0, the tag, and the CRC-32 of "IDAT".
   b.insert(at - 4, {0, 0, 0, 0, 'I', 'D', 'A', 'T', 0x35, 0xAF, 0x06, 0x1E});
-  f = std::fopen(path.c_str(), "wb");
-  if (!f) throw std::runtime_error("cannot write " + path);
-  std::fwrite(b.data(), 1, b.size(), f);
-  std::fclose(f);
+  write_bytes(path, b);
 }
 
 // A file whose bytes are not an image in any format.
 inline std::string write_garbage(const std::string& name) {
   const std::string path = (scratch_dir() / name).string();
-  std::FILE* f = std::fopen(path.c_str(), "wb");
-  if (!f) throw std::runtime_error("cannot write " + path);
-  std::fputs("this is not an image file", f);
-  std::fclose(f);
+  const std::string text = "this is not an image file";
+  write_bytes(path, {text.begin(), text.end()});
   return path;
 }
 
