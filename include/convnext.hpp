@@ -6,6 +6,7 @@
 
 #include <xtensor/xarray.hpp>
 
+#include "pixels.hpp"
 #include "vemoproc_export.hpp"
 
 namespace convnext {
@@ -31,11 +32,20 @@ class VEMOPROC_API ConvNextPreprocessor {
   //  - a message naming `size` or `crop_pct` when size < 1 or crop_pct is
   //    outside (0, 1] (NaN included), and one naming size / crop_pct when the
   //    resized image would be smaller than the crop (32-bit overflow) or have
-  //    a side above 16777216, the decoder's limit.
+  //    a side above 16777216, the decoder's limit;
+  //  - "Failed to resize image" also when the resized image would exceed
+  //    vemoproc::max_image_pixels().
   // Sizes are computed in 32-bit as documented; products that overflow wrap
   // and float-to-int conversions saturate (NaN gives 0) instead of being
   // undefined. Allocation failures propagate.
   xt::xarray<float> process(const std::string& image_path);
+
+  // The same pipeline on a caller's pixels (any vemoproc::PixelFormat; RGB
+  // views are resized in place, other formats converted first). For RGB
+  // pixels equal to what a file decodes to, the result is bit-identical to
+  // process(path). Throws as above, and std::runtime_error naming the
+  // argument for a view that cannot be read.
+  xt::xarray<float> process(const vemoproc::ImageView& image);
 };
 
 }  // namespace convnext

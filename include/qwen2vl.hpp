@@ -10,6 +10,7 @@
 #include <xtensor/xarray.hpp>
 #include <xtensor/xtensor.hpp>
 
+#include "pixels.hpp"
 #include "vemoproc_export.hpp"
 
 namespace qwen2vl {
@@ -43,7 +44,8 @@ VEMOPROC_API std::pair<int, int> smart_resize(int height, int width, int factor,
 // channel count is taken to be 3. Throws std::runtime_error naming the
 // argument when the image holds fewer bytes than that, or when a side of the
 // image or new_height / new_width is negative or above 16777216 (the
-// decoder's limit; far larger sides overflow the resampler).
+// decoder's limit; far larger sides overflow the resampler), and
+// "Failed to resize image" when the target exceeds vemoproc::max_image_pixels().
 VEMOPROC_API xt::xtensor<uint8_t, 3> resize_image(const xt::xtensor<uint8_t, 3>& image,
                                                   int new_height, int new_width);
 
@@ -85,6 +87,13 @@ class VEMOPROC_API Qwen2VLImageProcessor {
   // default-constructed (zero-dimensional) arrays. The result is built in
   // one allocation, so the cost is linear in the number of images.
   Qwen2VLImageOutput preprocess(const std::vector<xt::xtensor<uint8_t, 3>>& images);
+
+  // The same on a caller's pixels (any vemoproc::PixelFormat; RGB views are
+  // read in place, strided or not, other formats converted first). For RGB
+  // pixels equal to what a file decodes to, each image's rows are
+  // bit-identical to the decoded-image form. Throws as that form, and
+  // std::runtime_error naming the argument for a view that cannot be read.
+  Qwen2VLImageOutput preprocess(const std::vector<vemoproc::ImageView>& images);
 
   // One image: optional smart_resize + resize_image (factor = patch_size *
   // merge_size, budgets narrowed to int by wrapping), value -> float,

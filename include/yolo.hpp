@@ -9,6 +9,7 @@
 
 #include <xtensor/xtensor.hpp>
 
+#include "pixels.hpp"
 #include "vemoproc_export.hpp"
 
 namespace yolo {
@@ -27,6 +28,11 @@ struct VEMOPROC_API RawImage {
   // expanded, alpha dropped). Throws std::runtime_error
   // "stbi_load failed for: PATH" when the file cannot be decoded.
   explicit RawImage(const std::string& path);
+
+  // Copies a caller's pixels as RGB (see vemoproc::to_rgb for the formats).
+  // Throws std::runtime_error naming the argument for a view that cannot be
+  // read (null data, empty or negative size, stride shorter than a row).
+  explicit RawImage(const vemoproc::ImageView& image);
 };
 
 // Scales `image` to fit new_shape = {width, height} keeping its aspect ratio

@@ -6,6 +6,7 @@
 
 #include <xtensor/xarray.hpp>
 
+#include "pixels.hpp"
 #include "vemoproc_export.hpp"
 
 namespace zentil {
@@ -26,11 +27,19 @@ class VEMOPROC_API ZentilPreprocessor {
   //
   // Throws std::runtime_error:
   //  - "Failed to load image: PATH" when the file cannot be decoded;
-  //  - "Failed to resize image" when the resampler fails;
+  //  - "Failed to resize image" when the resampler fails, or when size x size
+  //    exceeds vemoproc::max_image_pixels();
   //  - a message naming `size` when size is negative or above 16777216
   //    (the decoder's side limit).
   // Allocation failures propagate.
   xt::xarray<float> process(const std::string& image_path);
+
+  // The same pipeline on a caller's pixels (any vemoproc::PixelFormat; RGB
+  // views are resized in place, other formats converted first). For RGB
+  // pixels equal to what a file decodes to, the result is bit-identical to
+  // process(path). Throws as above, and std::runtime_error naming the
+  // argument for a view that cannot be read.
+  xt::xarray<float> process(const vemoproc::ImageView& image);
 };
 
 }  // namespace zentil

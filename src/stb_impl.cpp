@@ -31,38 +31,3 @@ static inline void* vemoproc_stb_memcpy(void* dst, const void* src, size_t n) {
 #include <stb_image_resize2.h>
 
 #undef memcpy
-
-#include "stb_rgb.hpp"
-
-namespace {
-
-// Softimage PIC files start with a magic number and carry "PICT" at byte 88.
-bool is_pic_file(const char* path) {
-  unsigned char head[92];
-  std::FILE* f = std::fopen(path, "rb");
-  if (f == nullptr) return false;
-  const size_t n = std::fread(head, 1, sizeof head, f);
-  std::fclose(f);
-  static const unsigned char magic[4] = {0x53, 0x80, 0xF6, 0x34};
-  return n == sizeof head && std::memcmp(head, magic, 4) == 0 &&
-         std::memcmp(head + 88, "PICT", 4) == 0;
-}
-
-}  // namespace
-
-unsigned char* vemoproc_load_rgb(const char* path, int* x, int* y, int* channels_in_file) {
-  if (!is_pic_file(path)) return stbi_load(path, x, y, channels_in_file, 3);
-  // The PIC decoder converts its buffer to the requested channel count even
-  // after a failed decode, reading through a null pointer. Asked for its own
-  // four channels it skips that conversion; alpha is then dropped here,
-  // exactly as the decoder's four-to-three conversion does.
-  unsigned char* rgba = stbi_load(path, x, y, channels_in_file, 4);
-  if (rgba == nullptr) return nullptr;
-  const size_t pixels = static_cast<size_t>(*x) * static_cast<size_t>(*y);
-  for (size_t i = 0; i < pixels; ++i) {
-    rgba[3 * i] = rgba[4 * i];
-    rgba[3 * i + 1] = rgba[4 * i + 1];
-    rgba[3 * i + 2] = rgba[4 * i + 2];
-  }
-  return rgba;
-}

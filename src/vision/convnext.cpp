@@ -11,16 +11,11 @@
 #include <stdexcept>
 #include <vector>
 
-#include <stb_image.h>
-#include <stb_image_resize2.h>
-
-#include "../stb_rgb.hpp"
+#include "../pixels/image_io.hpp"
 
 namespace convnext {
 
 namespace {
-
-using StbiPixels = std::unique_ptr<stbi_uc, decltype(&stbi_image_free)>;
 
 // 1/255 in single precision (bit pattern 0x3B808081). Bytes are scaled by
 // multiplying with it, not by dividing by 255: the two differ in the last bit.
@@ -55,36 +50,21 @@ std::array<float, 256> normalisation_table(float mean, float std_dev) {
 // groups of four bytes as one int, which must not be misaligned.
 size_t padded_row_bytes(int width) { return (static_cast<size_t>(width) * 3u + 3u) & ~size_t{3}; }
 
-// Catmull-Rom in both directions, default (clamped) edges, linear 8-bit RGB.
-bool resize_rgb(const uint8_t* in, int in_w, int in_h, uint8_t* out, int out_w, int out_h) {
-  STBIR_RESIZE resize;
-  stbir_resize_init(&resize, in, in_w, in_h, 0, out, out_w, out_h,
-                    static_cast<int>(padded_row_bytes(out_w)), STBIR_RGB, STBIR_TYPE_UINT8);
-  stbir_set_filters(&resize, STBIR_FILTER_CATMULLROM, STBIR_FILTER_CATMULLROM);
-  return stbir_resize_extended(&resize) != 0;
-}
-
-}  // namespace
-
-ConvNextPreprocessor::ConvNextPreprocessor(int size, float crop_pct)
-    : size(size), crop_pct(crop_pct), mean{0.485f, 0.456f, 0.406f}, std{0.229f, 0.224f, 0.225f} {}
-
-xt::xarray<float> ConvNextPreprocessor::process(const std::string& image_path) {
-  // Outside these ranges the crop would read past the resized image.
+// Outside these ranges the crop would read past the resized image.
+void check_arguments(int size, float crop_pct) {
   if (size < 1) throw std::runtime_error("ConvNextPreprocessor: size must be at least 1");
   if (!(crop_pct > 0.0f && crop_pct <= 1.0f)) {
     throw std::runtime_error("ConvNextPreprocessor: crop_pct must be in (0, 1]");
   }
+}
 
-  int width = 0;
-  int height = 0;
-  int channels_in_file = 0;
-  StbiPixels pixels(vemoproc_load_rgb(image_path.c_str(), &width, &height, &channels_in_file),
-                    &stbi_image_free);
-  if (!pixels) throw std::runtime_error("Failed to load image: " + image_path);
-
+// Decoded or borrowed RGB -> shortest-edge resize -> crop -> normalise.
+xt::xarray<float> preprocess(const ConvNextPreprocessor& p, const vemoproc::detail::RgbSource& rgb) {
+  const int size = p.size;
+  const int width = rgb.width();
+  const int height = rgb.height();
   // Shortest edge to size / crop_pct; a tie (square) takes the landscape branch.
-  const int short_edge = saturating_int(static_cast<float>(size) / crop_pct);
+  const int short_edge = saturating_int(static_cast<float>(size) / p.crop_pct);
   int new_width = short_edge;
   int new_height = short_edge;
   if (height > width) {
@@ -101,13 +81,19 @@ xt::xarray<float> ConvNextPreprocessor::process(const std::string& image_path) {
   if (new_width < size || new_height < size || new_width > kMaxSide || new_height > kMaxSide) {
     throw std::runtime_error("ConvNextPreprocessor: size / crop_pct is too large for this image");
   }
+  // The resized image is held to the same pixel budget as decoding: a tiny
+  // file of extreme aspect ratio must not ask for gigabytes here.
+  if (!vemoproc::detail::within_pixel_budget(new_width, new_height)) {
+    throw std::runtime_error("Failed to resize image");
+  }
 
   const size_t stride = padded_row_bytes(new_width);
   std::vector<uint8_t> resized(stride * static_cast<size_t>(new_height));
-  if (!resize_rgb(pixels.get(), width, height, resized.data(), new_width, new_height)) {
+  if (!vemoproc::detail::resize_rgb(rgb.data(), width, height, rgb.stride(), resized.data(),
+                                    new_width, new_height, stride,
+                                    vemoproc::detail::ResizeFilter::CatmullRom)) {
     throw std::runtime_error("Failed to resize image");
   }
-  pixels.reset();
 
   // An odd margin leaves the extra pixel on the right and at the bottom.
   const int left = (new_width - size) / 2;
@@ -116,7 +102,7 @@ xt::xarray<float> ConvNextPreprocessor::process(const std::string& image_path) {
   auto out = xt::xarray<float>::from_shape({3, side, side});
   float* dst = out.data();
   for (size_t c = 0; c < 3; ++c) {
-    const std::array<float, 256> table = normalisation_table(mean[c], std[c]);
+    const std::array<float, 256> table = normalisation_table(p.mean[c], p.std[c]);
     for (size_t y = 0; y < side; ++y) {
       const uint8_t* src = resized.data() + (static_cast<size_t>(top) + y) * stride +
                            static_cast<size_t>(left) * 3u + c;
@@ -124,6 +110,24 @@ xt::xarray<float> ConvNextPreprocessor::process(const std::string& image_path) {
     }
   }
   return out;
+}
+
+}  // namespace
+
+ConvNextPreprocessor::ConvNextPreprocessor(int size, float crop_pct)
+    : size(size), crop_pct(crop_pct), mean{0.485f, 0.456f, 0.406f}, std{0.229f, 0.224f, 0.225f} {}
+
+xt::xarray<float> ConvNextPreprocessor::process(const std::string& image_path) {
+  check_arguments(size, crop_pct);
+  const vemoproc::detail::DecodedRgb decoded = vemoproc::detail::load_rgb_file(image_path);
+  if (!decoded) throw std::runtime_error("Failed to load image: " + image_path);
+  return preprocess(*this,
+                    vemoproc::detail::RgbSource(decoded.pixels.get(), decoded.width, decoded.height, 0));
+}
+
+xt::xarray<float> ConvNextPreprocessor::process(const vemoproc::ImageView& image) {
+  check_arguments(size, crop_pct);
+  return preprocess(*this, vemoproc::detail::RgbSource(image));
 }
 
 }  // namespace convnext

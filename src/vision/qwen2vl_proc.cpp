@@ -21,10 +21,7 @@
 
 #include <xtensor/xadapt.hpp>
 
-#include <stb_image.h>
-#include <stb_image_resize2.h>
-
-#include "../stb_rgb.hpp"
+#include "../pixels/image_io.hpp"
 
 namespace qwen2vl {
 
@@ -74,9 +71,24 @@ size_t checked_add(size_t a, size_t b) {
 // Far larger sides overflow the resampler's internal int arithmetic.
 constexpr size_t kMaxSide = size_t{1} << 24;
 
-// What resize_image may be asked for: the resampler reads shape(0) *
-// shape(1) * 3 bytes and works with int sizes.
-void check_resize_arguments(const xt::xtensor<uint8_t, 3>& image, int new_height, int new_width) {
+// An image's samples as the processor reads them: `channels` bytes per pixel,
+// rows `stride` bytes apart (a decoded tensor, or a caller's view).
+struct Pixels {
+  const uint8_t* data;
+  size_t height;
+  size_t width;
+  size_t channels;
+  size_t stride;
+};
+
+Pixels pixels_of(const xt::xtensor<uint8_t, 3>& image) {
+  return {image.data(), image.shape(0), image.shape(1), image.shape(2),
+          image.shape(1) * image.shape(2)};
+}
+
+// What a resize may be asked for: the resampler reads height * width * 3
+// bytes and works with int sizes.
+void check_resize_arguments(const Pixels& image, int new_height, int new_width) {
   if (new_height < 0) throw std::runtime_error("resize_image: new_height must not be negative");
   if (new_width < 0) throw std::runtime_error("resize_image: new_width must not be negative");
   if (static_cast<size_t>(new_height) > kMaxSide) {
@@ -85,13 +97,40 @@ void check_resize_arguments(const xt::xtensor<uint8_t, 3>& image, int new_height
   if (static_cast<size_t>(new_width) > kMaxSide) {
     throw std::runtime_error("resize_image: new_width must not exceed 16777216");
   }
-  const bool empty = image.shape(0) == 0 || image.shape(1) == 0;
-  if (!empty && image.shape(2) < 3) {
+  const bool empty = image.height == 0 || image.width == 0;
+  if (!empty && image.channels < 3) {
     throw std::runtime_error("resize_image: image must hold 3 samples per pixel");
   }
-  if (image.shape(0) > kMaxSide || image.shape(1) > kMaxSide) {
+  if (image.height > kMaxSide || image.width > kMaxSide) {
     throw std::runtime_error("resize_image: image sides must not exceed 16777216");
   }
+  // The resize target is held to the same pixel budget as decoding.
+  if (!vemoproc::detail::within_pixel_budget(new_width, new_height)) {
+    throw std::runtime_error("Failed to resize image");
+  }
+}
+
+// Catmull-Rom, clamped edges, into a new [new_height, new_width, 3] image
+// (black where the resampler cannot work: an empty input or output).
+xt::xtensor<uint8_t, 3> resize_pixels(const Pixels& image, int new_height, int new_width) {
+  const size_t rows = static_cast<size_t>(new_height);
+  const size_t row_bytes = static_cast<size_t>(new_width) * 3u;
+  xt::xtensor<uint8_t, 3> out = xt::zeros<uint8_t>({rows, row_bytes / 3u, size_t{3}});
+  // With an empty output buffer the resampler would allocate one of its own,
+  // so it is not called.
+  if (out.size() == 0 || image.height == 0 || image.width == 0) return out;
+  // It also stores four bytes at a time as one int, so rows must start
+  // 4-aligned; other widths go through a padded buffer.
+  const size_t stride = (row_bytes + 3u) & ~size_t{3};
+  std::vector<uint8_t> padded(stride == row_bytes ? 0 : stride * rows);
+  uint8_t* target = padded.empty() ? out.data() : padded.data();
+  vemoproc::detail::resize_rgb(image.data, static_cast<int>(image.width),
+                               static_cast<int>(image.height), image.stride, target, new_width,
+                               new_height, stride, vemoproc::detail::ResizeFilter::CatmullRom);
+  for (size_t y = 0; !padded.empty() && y < rows; ++y) {
+    std::memcpy(out.data() + y * row_bytes, padded.data() + y * stride, row_bytes);
+  }
+  return out;
 }
 
 }  // namespace
@@ -143,37 +182,17 @@ std::pair<int, int> smart_resize(int height, int width, int factor, int min_pixe
 
 xt::xtensor<uint8_t, 3> resize_image(const xt::xtensor<uint8_t, 3>& image, int new_height,
                                      int new_width) {
-  check_resize_arguments(image, new_height, new_width);
-  const size_t rows = static_cast<size_t>(new_height);
-  const size_t row_bytes = static_cast<size_t>(new_width) * 3u;
-  xt::xtensor<uint8_t, 3> out = xt::zeros<uint8_t>({rows, row_bytes / 3u, size_t{3}});
-  // The resampler fails on empty images (the result stays black); with an
-  // empty output buffer it would allocate one of its own, so it is not called.
-  if (out.size() == 0 || image.shape(0) == 0 || image.shape(1) == 0) return out;
-  // It also stores four bytes at a time as one int, so rows must start
-  // 4-aligned; other widths go through a padded buffer.
-  const size_t stride = (row_bytes + 3u) & ~size_t{3};
-  std::vector<uint8_t> padded(stride == row_bytes ? 0 : stride * rows);
-  uint8_t* target = padded.empty() ? out.data() : padded.data();
-  stbir_resize(image.data(), static_cast<int>(image.shape(1)), static_cast<int>(image.shape(0)), 0,
-               target, new_width, new_height, static_cast<int>(stride), STBIR_RGB, STBIR_TYPE_UINT8,
-               STBIR_EDGE_CLAMP, STBIR_FILTER_CATMULLROM);
-  for (size_t y = 0; !padded.empty() && y < rows; ++y) {
-    std::memcpy(out.data() + y * row_bytes, padded.data() + y * stride, row_bytes);
-  }
-  return out;
+  const Pixels pixels = pixels_of(image);
+  check_resize_arguments(pixels, new_height, new_width);
+  return resize_pixels(pixels, new_height, new_width);
 }
 
 xt::xtensor<uint8_t, 3> Qwen2VLImageProcessor::load_image(const std::string& image_path) {
-  int width = 0;
-  int height = 0;
-  int channels_in_file = 0;
-  std::unique_ptr<stbi_uc, decltype(&stbi_image_free)> pixels(
-      vemoproc_load_rgb(image_path.c_str(), &width, &height, &channels_in_file), &stbi_image_free);
-  if (!pixels) throw std::runtime_error("Failed to load image: " + image_path);
+  const vemoproc::detail::DecodedRgb decoded = vemoproc::detail::load_rgb_file(image_path);
+  if (!decoded) throw std::runtime_error("Failed to load image: " + image_path);
   auto image = xt::xtensor<uint8_t, 3>::from_shape(
-      {static_cast<size_t>(height), static_cast<size_t>(width), size_t{3}});
-  std::copy_n(pixels.get(), image.size(), image.data());  // may be empty: no memcpy of null
+      {static_cast<size_t>(decoded.height), static_cast<size_t>(decoded.width), size_t{3}});
+  std::copy_n(decoded.pixels.get(), image.size(), image.data());  // may be empty: no memcpy of null
   return image;
 }
 
@@ -224,11 +243,11 @@ size_t row_length(const Qwen2VLImageProcessor& p) {
 
 // Target size and patch grid of one image; throws everything the image would
 // throw before any work is done on it.
-ImagePlan plan_image(const Qwen2VLImageProcessor& p, const xt::xtensor<uint8_t, 3>& image) {
+ImagePlan plan_image(const Qwen2VLImageProcessor& p, const Pixels& image) {
   ImagePlan plan;
-  plan.height = image.shape(0);
-  plan.width = image.shape(1);
-  size_t channels = image.shape(2);
+  plan.height = image.height;
+  plan.width = image.width;
+  size_t channels = image.channels;
   if (p.do_resize) {
     const int factor = wrapping_int(p.patch_size * p.merge_size);
     const auto [h, w] = smart_resize(wrapping_int(plan.height), wrapping_int(plan.width), factor,
@@ -276,7 +295,7 @@ ValueTable value_table(const Qwen2VLImageProcessor& p) {
 // row-major order over the image, patches row-major inside a block; within a
 // row channel, frame, pixel row, pixel column. Returns the end of the rows.
 float* write_patch_rows(const Qwen2VLImageProcessor& p, const ValueTable& table, const uint8_t* rgb,
-                        const ImagePlan& plan, float* out) {
+                        size_t stride, const ImagePlan& plan, float* out) {
   const size_t ps = p.patch_size;
   const size_t m = p.merge_size;
   const size_t frames = p.temporal_patch_size;
@@ -284,8 +303,8 @@ float* write_patch_rows(const Qwen2VLImageProcessor& p, const ValueTable& table,
   for (size_t bh = 0; bh < plan.grid_h / m; ++bh) {
     // Read the block row's pixels in address order first: the patch walk
     // below jumps between image rows, which hardware prefetch does not follow.
-    const uint8_t* strip = rgb + bh * m * ps * plan.width * 3;
-    const size_t strip_bytes = m * ps * plan.width * 3;
+    const uint8_t* strip = rgb + bh * m * ps * stride;
+    const size_t strip_bytes = m * ps * stride;
     for (size_t off = 0; off < strip_bytes; off += 64) __builtin_prefetch(strip + off);
     for (size_t bw = 0; bw < plan.grid_w / m; ++bw) {
       for (size_t mi = 0; mi < m; ++mi) {
@@ -296,7 +315,7 @@ float* write_patch_rows(const Qwen2VLImageProcessor& p, const ValueTable& table,
             const float* values = table[c].data();
             float* frame0 = out;
             for (size_t py = 0; py < ps; ++py) {
-              const uint8_t* src = rgb + ((y0 + py) * plan.width + x0) * 3 + c;
+              const uint8_t* src = rgb + (y0 + py) * stride + x0 * 3 + c;
               for (size_t px = 0; px < ps; ++px) *out++ = values[src[3 * px]];
             }
             // The still image repeated over the temporal depth.
@@ -313,14 +332,14 @@ float* write_patch_rows(const Qwen2VLImageProcessor& p, const ValueTable& table,
 
 // The batch: every image planned (and checked) first, then all rows written
 // into one allocation, in input order.
-Qwen2VLImageOutput process_images(const Qwen2VLImageProcessor& p,
-                                  const xt::xtensor<uint8_t, 3>* images, size_t count) {
+Qwen2VLImageOutput process_images(const Qwen2VLImageProcessor& p, const std::vector<Pixels>& images) {
   check_arguments(p);
+  const size_t count = images.size();
   std::vector<ImagePlan> plans;
   plans.reserve(count);
   size_t total_rows = 0;
-  for (size_t i = 0; i < count; ++i) {
-    plans.push_back(plan_image(p, images[i]));
+  for (const Pixels& image : images) {
+    plans.push_back(plan_image(p, image));
     total_rows = checked_add(total_rows, checked_mul(plans.back().grid_h, plans.back().grid_w));
   }
   const size_t row_len = row_length(p);
@@ -334,11 +353,11 @@ Qwen2VLImageOutput process_images(const Qwen2VLImageProcessor& p,
   for (size_t i = 0; i < count; ++i) {
     const ImagePlan& plan = plans[i];
     if (plan.resize) {
-      const xt::xtensor<uint8_t, 3> resized =
-          resize_image(images[i], static_cast<int>(plan.height), static_cast<int>(plan.width));
-      out = write_patch_rows(p, table, resized.data(), plan, out);
+      const xt::xtensor<uint8_t, 3> resized = resize_pixels(
+          images[i], static_cast<int>(plan.height), static_cast<int>(plan.width));
+      out = write_patch_rows(p, table, resized.data(), plan.width * 3, plan, out);
     } else {
-      out = write_patch_rows(p, table, images[i].data(), plan, out);
+      out = write_patch_rows(p, table, images[i].data, images[i].stride, plan, out);
     }
     // grid_t: the tiled depth divided by temporal_patch_size, always 1.
     result.grid_thw(i, 0) = 1;
@@ -380,12 +399,31 @@ Qwen2VLImageOutput Qwen2VLImageProcessor::preprocess(
     const std::vector<xt::xtensor<uint8_t, 3>>& images) {
   // Nothing to stack: the two default-constructed (zero-dimensional) arrays.
   if (images.empty()) return Qwen2VLImageOutput{};
-  return process_images(*this, images.data(), images.size());
+  std::vector<Pixels> pixels;
+  pixels.reserve(images.size());
+  for (const auto& image : images) pixels.push_back(pixels_of(image));
+  return process_images(*this, pixels);
+}
+
+Qwen2VLImageOutput Qwen2VLImageProcessor::preprocess(
+    const std::vector<vemoproc::ImageView>& images) {
+  if (images.empty()) return Qwen2VLImageOutput{};
+  // RGB views are read in place; other formats are converted once.
+  std::vector<vemoproc::detail::RgbSource> sources;
+  sources.reserve(images.size());
+  std::vector<Pixels> pixels;
+  pixels.reserve(images.size());
+  for (const vemoproc::ImageView& view : images) {
+    const vemoproc::detail::RgbSource& rgb = sources.emplace_back(view);
+    pixels.push_back({rgb.data(), static_cast<size_t>(rgb.height()),
+                      static_cast<size_t>(rgb.width()), 3, rgb.stride()});
+  }
+  return process_images(*this, pixels);
 }
 
 Qwen2VLImageOutput Qwen2VLImageProcessor::_preprocess_single_image(
     const xt::xtensor<uint8_t, 3>& image) {
-  return process_images(*this, &image, 1);
+  return process_images(*this, {pixels_of(image)});
 }
 
 }  // namespace qwen2vl

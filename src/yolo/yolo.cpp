@@ -11,19 +11,16 @@
 #include <numeric>
 #include <stdexcept>
 
-#include <stb_image.h>
 #include <stb_image_resize2.h>
 #include <stb_easy_font.h>
 
-#include "../stb_rgb.hpp"
+#include "../pixels/image_io.hpp"
 
 #include "pack.hpp"
 
 namespace yolo {
 
 namespace {
-
-using StbiPixels = std::unique_ptr<stbi_uc, decltype(&stbi_image_free)>;
 
 // Float to int, truncating toward zero. Values the conversion cannot represent
 // get a defined result instead of undefined behaviour: NaN becomes 0 and
@@ -54,14 +51,20 @@ void require_rgb_buffer(const RawImage& image, const char* function) {
 // ---------------------------------------------------------------------------
 
 RawImage::RawImage(const std::string& path) {
-  int w = 0;
-  int h = 0;
-  int channels_in_file = 0;
-  StbiPixels pixels(vemoproc_load_rgb(path.c_str(), &w, &h, &channels_in_file), &stbi_image_free);
-  if (!pixels) throw std::runtime_error("stbi_load failed for: " + path);
-  data.assign(pixels.get(), pixels.get() + rgb_bytes(w, h));
-  width = w;
-  height = h;
+  vemoproc::detail::DecodedRgb decoded = vemoproc::detail::load_rgb_file(path);
+  if (!decoded) throw std::runtime_error("stbi_load failed for: " + path);
+  data.assign(decoded.pixels.get(), decoded.pixels.get() + rgb_bytes(decoded.width, decoded.height));
+  width = decoded.width;
+  height = decoded.height;
+  channels = 3;
+}
+
+RawImage::RawImage(const vemoproc::ImageView& view) {
+  vemoproc::detail::check_view(view, "RawImage()");
+  vemoproc::Image rgb = vemoproc::to_rgb(view);
+  data = std::move(rgb.rgb);
+  width = rgb.width;
+  height = rgb.height;
   channels = 3;
 }
 

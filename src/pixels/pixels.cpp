@@ -1,0 +1,495 @@
+// Images the way apps hold them, shared by every image family: files read
+// once, decoding from memory within the pixel budget, caller views in five
+// pixel formats, 4:2:0 camera frames, quarter-turn rotation, EXIF orientation,
+// and the one resize entry point.
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <stdexcept>
+#include <string>
+
+#include <stb_image.h>
+#include <stb_image_resize2.h>
+
+#include "image_io.hpp"
+
+namespace vemoproc {
+
+namespace {
+
+// The largest image Pillow decodes without refusing: generous for photos,
+// small enough that a forged header cannot take gigabytes.
+constexpr uint64_t kDefaultMaxImagePixels = 178956970;
+
+std::atomic<uint64_t> max_pixels{kDefaultMaxImagePixels};
+
+[[noreturn]] void fail(const std::string& what, const char* why) {
+  throw std::runtime_error(what + ": " + why);
+}
+
+size_t rgb_bytes(int width, int height) {
+  return static_cast<size_t>(width) * static_cast<size_t>(height) * 3u;
+}
+
+// ---------------------------------------------------------------------------
+// Decoding from memory
+// ---------------------------------------------------------------------------
+
+// stb takes int lengths; larger buffers are read through callbacks instead.
+struct MemoryReader {
+  const uint8_t* data;
+  size_t size;
+  size_t pos;
+
+  static int read(void* user, char* out, int n) {
+    auto* r = static_cast<MemoryReader*>(user);
+    const size_t take = std::min(static_cast<size_t>(n), r->size - r->pos);
+    if (take > 0) std::memcpy(out, r->data + r->pos, take);
+    r->pos += take;
+    return static_cast<int>(take);
+  }
+  static void skip(void* user, int n) {
+    auto* r = static_cast<MemoryReader*>(user);
+    if (n < 0) {
+      r->pos -= std::min(r->pos, static_cast<size_t>(-static_cast<int64_t>(n)));
+    } else {
+      r->pos += std::min(r->size - r->pos, static_cast<size_t>(n));
+    }
+  }
+  static int eof(void* user) {
+    auto* r = static_cast<MemoryReader*>(user);
+    return r->pos >= r->size;
+  }
+};
+
+constexpr stbi_io_callbacks kMemoryCallbacks = {&MemoryReader::read, &MemoryReader::skip,
+                                                &MemoryReader::eof};
+
+bool fits_int(size_t size) { return size <= static_cast<size_t>(INT_MAX); }
+
+int info(const uint8_t* bytes, size_t size, int* w, int* h, int* comp) {
+  if (fits_int(size)) return stbi_info_from_memory(bytes, static_cast<int>(size), w, h, comp);
+  MemoryReader reader{bytes, size, 0};
+  return stbi_info_from_callbacks(&kMemoryCallbacks, &reader, w, h, comp);
+}
+
+stbi_uc* load(const uint8_t* bytes, size_t size, int* w, int* h, int* comp, int channels) {
+  if (fits_int(size)) {
+    return stbi_load_from_memory(bytes, static_cast<int>(size), w, h, comp, channels);
+  }
+  MemoryReader reader{bytes, size, 0};
+  return stbi_load_from_callbacks(&kMemoryCallbacks, &reader, w, h, comp, channels);
+}
+
+// Softimage PIC files start with a magic number and carry "PICT" at byte 88.
+bool is_pic(const uint8_t* bytes, size_t size) {
+  static const uint8_t magic[4] = {0x53, 0x80, 0xF6, 0x34};
+  return size >= 92 && std::memcmp(bytes, magic, 4) == 0 &&
+         std::memcmp(bytes + 88, "PICT", 4) == 0;
+}
+
+// ---------------------------------------------------------------------------
+// EXIF orientation (JPEG APP1 "Exif" segment, tag 0x0112 of the first IFD)
+// ---------------------------------------------------------------------------
+
+int exif_orientation(const uint8_t* p, size_t size) {
+  if (size < 4 || p[0] != 0xFF || p[1] != 0xD8) return 1;
+  size_t pos = 2;
+  while (pos + 4 <= size && p[pos] == 0xFF) {
+    const uint8_t marker = p[pos + 1];
+    if (marker == 0xD9 || marker == 0xDA) break;  // end of image, start of scan
+    const size_t length = (size_t{p[pos + 2]} << 8) | p[pos + 3];
+    if (length < 2 || pos + 2 + length > size) break;
+    const uint8_t* seg = p + pos + 4;
+    const size_t seg_len = length - 2;
+    if (marker == 0xE1 && seg_len >= 14 && std::memcmp(seg, "Exif\0\0", 6) == 0) {
+      const uint8_t* tiff = seg + 6;
+      const size_t tiff_len = seg_len - 6;
+      const bool little = tiff[0] == 'I' && tiff[1] == 'I';
+      if (!little && !(tiff[0] == 'M' && tiff[1] == 'M')) return 1;
+      const auto u16 = [&](size_t at) -> uint32_t {
+        return little ? tiff[at] | (tiff[at + 1] << 8) : (tiff[at] << 8) | tiff[at + 1];
+      };
+      const auto u32 = [&](size_t at) -> uint64_t {
+        return little ? (uint64_t{u16(at + 2)} << 16) | u16(at)
+                      : (uint64_t{u16(at)} << 16) | u16(at + 2);
+      };
+      if (u16(2) != 42) return 1;
+      const uint64_t ifd = u32(4);
+      if (ifd + 2 > tiff_len) return 1;
+      const uint32_t entries = u16(static_cast<size_t>(ifd));
+      for (uint32_t i = 0; i < entries; ++i) {
+        const uint64_t entry = ifd + 2 + 12 * uint64_t{i};
+        if (entry + 12 > tiff_len) return 1;
+        const size_t e = static_cast<size_t>(entry);
+        // Tag 0x0112, type SHORT (3), one value stored in the entry itself.
+        if (u16(e) == 0x0112) {
+          if (u16(e + 2) != 3 || u32(e + 4) != 1) return 1;
+          const uint32_t value = u16(e + 8);
+          return value >= 1 && value <= 8 ? static_cast<int>(value) : 1;
+        }
+      }
+      return 1;
+    }
+    pos += 2 + length;
+  }
+  return 1;
+}
+
+// ---------------------------------------------------------------------------
+// Geometry: quarter turns and mirrors of packed RGB
+// ---------------------------------------------------------------------------
+
+// Output pixel (x, y) of an out_w x out_h result takes input pixel
+// (x0 + x * dxx + y * dxy, y0 + x * dyx + y * dyy).
+struct Mapping {
+  int64_t x0, dxx, dxy, y0, dyx, dyy;
+  bool swaps_sides;
+};
+
+Image remap(const Image& in, const Mapping& m) {
+  Image out;
+  out.width = m.swaps_sides ? in.height : in.width;
+  out.height = m.swaps_sides ? in.width : in.height;
+  out.rgb.resize(in.rgb.size());
+  const uint8_t* src = in.rgb.data();
+  uint8_t* dst = out.rgb.data();
+  const int64_t stride = int64_t{in.width} * 3;
+  for (int64_t y = 0; y < out.height; ++y) {
+    int64_t sx = m.x0 + y * m.dxy;
+    int64_t sy = m.y0 + y * m.dyy;
+    for (int64_t x = 0; x < out.width; ++x, sx += m.dxx, sy += m.dyx) {
+      std::memcpy(dst, src + sy * stride + sx * 3, 3);
+      dst += 3;
+    }
+  }
+  return out;
+}
+
+Image rotate(Image image, Rotation rotation) {
+  const int64_t w = image.width;
+  const int64_t h = image.height;
+  switch (rotation) {
+    case Rotation::None:
+      return image;
+    case Rotation::Clockwise90:  // out(x, y) = in(y, h - 1 - x)
+      return remap(image, {0, 0, 1, h - 1, -1, 0, true});
+    case Rotation::Rotate180:  // out(x, y) = in(w - 1 - x, h - 1 - y)
+      return remap(image, {w - 1, -1, 0, h - 1, 0, -1, false});
+    case Rotation::Clockwise270:  // out(x, y) = in(w - 1 - y, x)
+      return remap(image, {w - 1, 0, -1, 0, 1, 0, true});
+  }
+  throw std::runtime_error("to_rgb(): rotation is not a Rotation value");
+}
+
+// The EXIF orientations: how the stored image must be turned to stand upright.
+Image apply_orientation(Image image, int orientation) {
+  const int64_t w = image.width;
+  const int64_t h = image.height;
+  switch (orientation) {
+    case 2:  // mirrored left-right
+      return remap(image, {w - 1, -1, 0, 0, 0, 1, false});
+    case 3:
+      return rotate(std::move(image), Rotation::Rotate180);
+    case 4:  // mirrored top-bottom
+      return remap(image, {0, 1, 0, h - 1, 0, -1, false});
+    case 5:  // transposed: out(x, y) = in(y, x)
+      return remap(image, {0, 0, 1, 0, 1, 0, true});
+    case 6:
+      return rotate(std::move(image), Rotation::Clockwise90);
+    case 7:  // transversed: out(x, y) = in(w - 1 - y, h - 1 - x)
+      return remap(image, {w - 1, 0, -1, h - 1, -1, 0, true});
+    case 8:
+      return rotate(std::move(image), Rotation::Clockwise270);
+    default:
+      return image;
+  }
+}
+
+// ---------------------------------------------------------------------------
+// YUV 4:2:0 to RGB, BT.601 in 20-bit fixed point
+// ---------------------------------------------------------------------------
+
+struct YuvCoefficients {
+  int32_t y_scale;  // per (Y - offset)
+  int32_t y_offset;
+  int32_t rv, gv, gu, bu;
+};
+
+constexpr YuvCoefficients kVideoRange = {1220542, 16, 1673527, -852492, -409993, 2116026};
+constexpr YuvCoefficients kFullRange = {1 << 20, 0, 1470104, -748826, -360853, 1858077};
+
+inline uint8_t sat(int32_t v) {
+  return static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v));
+}
+
+void check_plane(const uint8_t* plane, size_t stride, size_t row_bytes, const char* name) {
+  if (plane == nullptr) fail("to_rgb()", (std::string("frame.") + name + " is null").c_str());
+  if (stride != 0 && stride < row_bytes) {
+    fail("to_rgb()", (std::string("frame.") + name + "_stride is shorter than a row").c_str());
+  }
+}
+
+}  // namespace
+
+int channels_of(PixelFormat format) {
+  switch (format) {
+    case PixelFormat::RGB:
+    case PixelFormat::BGR:
+      return 3;
+    case PixelFormat::RGBA:
+    case PixelFormat::BGRA:
+      return 4;
+    case PixelFormat::GRAY:
+      return 1;
+  }
+  throw std::runtime_error("image.format is not a PixelFormat value");
+}
+
+ImageView Image::view() const {
+  return {rgb.data(), width, height, static_cast<size_t>(width) * 3u, PixelFormat::RGB};
+}
+
+void set_max_image_pixels(uint64_t pixels) { max_pixels.store(pixels, std::memory_order_relaxed); }
+
+uint64_t max_image_pixels() { return max_pixels.load(std::memory_order_relaxed); }
+
+Image decode_image(const uint8_t* bytes, size_t size, bool apply_exif_orientation) {
+  std::string reason;
+  detail::DecodedRgb decoded = detail::decode_rgb(bytes, size, &reason);
+  if (!decoded) throw std::runtime_error("Failed to decode image bytes: " + reason);
+  Image image;
+  image.width = decoded.width;
+  image.height = decoded.height;
+  image.rgb.assign(decoded.pixels.get(),
+                   decoded.pixels.get() + rgb_bytes(decoded.width, decoded.height));
+  decoded.pixels.reset();
+  if (apply_exif_orientation) {
+    image = apply_orientation(std::move(image), exif_orientation(bytes, size));
+  }
+  return image;
+}
+
+Image to_rgb(const ImageView& view, Rotation rotation) {
+  detail::check_view(view, "to_rgb()");
+  const int channels = channels_of(view.format);
+  const size_t stride = view.stride != 0 ? view.stride : static_cast<size_t>(view.width) * channels;
+  Image image;
+  image.width = view.width;
+  image.height = view.height;
+  image.rgb.resize(rgb_bytes(view.width, view.height));
+  const size_t w = static_cast<size_t>(view.width);
+  uint8_t* dst = image.rgb.data();
+  for (size_t y = 0; y < static_cast<size_t>(view.height); ++y, dst += w * 3) {
+    const uint8_t* src = view.data + y * stride;
+    switch (view.format) {
+      case PixelFormat::RGB:
+        std::memcpy(dst, src, w * 3);
+        break;
+      case PixelFormat::BGR:
+        for (size_t x = 0; x < w; ++x) {
+          dst[3 * x] = src[3 * x + 2];
+          dst[3 * x + 1] = src[3 * x + 1];
+          dst[3 * x + 2] = src[3 * x];
+        }
+        break;
+      case PixelFormat::RGBA:
+        for (size_t x = 0; x < w; ++x) std::memcpy(dst + 3 * x, src + 4 * x, 3);
+        break;
+      case PixelFormat::BGRA:
+        for (size_t x = 0; x < w; ++x) {
+          dst[3 * x] = src[4 * x + 2];
+          dst[3 * x + 1] = src[4 * x + 1];
+          dst[3 * x + 2] = src[4 * x];
+        }
+        break;
+      case PixelFormat::GRAY:
+        for (size_t x = 0; x < w; ++x) dst[3 * x] = dst[3 * x + 1] = dst[3 * x + 2] = src[x];
+        break;
+    }
+  }
+  return rotate(std::move(image), rotation);
+}
+
+Image to_rgb(const YuvView& frame, Rotation rotation) {
+  if (frame.width <= 0 || frame.height <= 0) {
+    fail("to_rgb()", "frame.width and frame.height must be positive");
+  }
+  const size_t w = static_cast<size_t>(frame.width);
+  const size_t h = static_cast<size_t>(frame.height);
+  const size_t cw = (w + 1) / 2;
+  const bool planar = frame.layout == YuvLayout::I420;
+  if (!planar && frame.layout != YuvLayout::NV12 && frame.layout != YuvLayout::NV21) {
+    fail("to_rgb()", "frame.layout is not a YuvLayout value");
+  }
+  if (frame.range != YuvRange::Video && frame.range != YuvRange::Full) {
+    fail("to_rgb()", "frame.range is not a YuvRange value");
+  }
+  check_plane(frame.y, frame.y_stride, w, "y");
+  check_plane(frame.u, frame.u_stride, planar ? cw : 2 * cw, "u");
+  if (planar) check_plane(frame.v, frame.v_stride, cw, "v");
+  const size_t y_stride = frame.y_stride != 0 ? frame.y_stride : w;
+  const size_t u_stride = frame.u_stride != 0 ? frame.u_stride : (planar ? cw : 2 * cw);
+  const size_t v_stride = frame.v_stride != 0 ? frame.v_stride : cw;
+
+  const YuvCoefficients& k = frame.range == YuvRange::Video ? kVideoRange : kFullRange;
+  // Luma term per Y value, the rounding half (1 << 19) folded in.
+  int32_t luma[256];
+  for (int32_t v = 0; v < 256; ++v) luma[v] = std::max(v - k.y_offset, 0) * k.y_scale + 524288;
+
+  Image image;
+  image.width = frame.width;
+  image.height = frame.height;
+  image.rgb.resize(rgb_bytes(frame.width, frame.height));
+  uint8_t* dst = image.rgb.data();
+  for (size_t y = 0; y < h; ++y) {
+    const uint8_t* yrow = frame.y + y * y_stride;
+    const uint8_t* urow = frame.u + (y / 2) * u_stride;
+    const uint8_t* vrow = planar ? frame.v + (y / 2) * v_stride : urow;
+    // NV12 interleaves U then V, NV21 V then U.
+    const size_t u_at = frame.layout == YuvLayout::NV21 ? 1 : 0;
+    const size_t v_at = frame.layout == YuvLayout::NV12 ? 1 : 0;
+    for (size_t x = 0; x < w; ++x, dst += 3) {
+      const size_t c = x / 2;
+      const int32_t u = (planar ? urow[c] : urow[2 * c + u_at]) - 128;
+      const int32_t v = (planar ? vrow[c] : vrow[2 * c + v_at]) - 128;
+      const int32_t l = luma[yrow[x]];
+      dst[0] = sat((l + k.rv * v) >> 20);
+      dst[1] = sat((l + k.gv * v + k.gu * u) >> 20);
+      dst[2] = sat((l + k.bu * u) >> 20);
+    }
+  }
+  return rotate(std::move(image), rotation);
+}
+
+// ---------------------------------------------------------------------------
+// Internal pieces every image family uses
+// ---------------------------------------------------------------------------
+
+namespace detail {
+
+bool within_pixel_budget(int64_t width, int64_t height) {
+  if (width < 0 || height < 0) return false;
+  const uint64_t w = static_cast<uint64_t>(width);
+  const uint64_t h = static_cast<uint64_t>(height);
+  const uint64_t budget = max_image_pixels();
+  return w == 0 || h <= budget / w;
+}
+
+bool read_file(const std::string& path, std::vector<uint8_t>& bytes) {
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"),
+                                                       &std::fclose);
+  if (!file) return false;
+  bytes.clear();
+  // Read to the end in chunks: pipes and FIFOs report no size up front.
+  uint8_t chunk[1 << 16];
+  for (;;) {
+    const size_t n = std::fread(chunk, 1, sizeof chunk, file.get());
+    bytes.insert(bytes.end(), chunk, chunk + n);
+    if (n < sizeof chunk) break;
+  }
+  return std::ferror(file.get()) == 0;
+}
+
+DecodedRgb decode_rgb(const uint8_t* bytes, size_t size, std::string* reason) {
+  DecodedRgb result;
+  const auto refuse = [&](const std::string& why) {
+    if (reason != nullptr) *reason = why;
+    return DecodedRgb{};
+  };
+  if (bytes == nullptr || size == 0) return refuse("no bytes");
+  int w = 0;
+  int h = 0;
+  int comp = 0;
+  // The header alone first: an image over the budget is refused before the
+  // decoder allocates anything for its pixels.
+  if (info(bytes, size, &w, &h, &comp) != 0 && !within_pixel_budget(w, h)) {
+    return refuse(std::to_string(w) + " x " + std::to_string(h) +
+                  " pixels exceed the image pixel budget of " +
+                  std::to_string(max_image_pixels()));
+  }
+  stbi_uc* pixels = nullptr;
+  if (is_pic(bytes, size)) {
+    // The PIC decoder converts its buffer to the requested channel count even
+    // after a failed decode, reading through a null pointer. Asked for its own
+    // four channels it skips that conversion; alpha is then dropped here,
+    // exactly as the decoder's four-to-three conversion does.
+    pixels = load(bytes, size, &w, &h, &comp, 4);
+    if (pixels != nullptr) {
+      const size_t count = static_cast<size_t>(w) * static_cast<size_t>(h);
+      for (size_t i = 0; i < count; ++i) std::memmove(pixels + 3 * i, pixels + 4 * i, 3);
+    }
+  } else {
+    pixels = load(bytes, size, &w, &h, &comp, 3);
+  }
+  if (pixels == nullptr) {
+    const char* why = stbi_failure_reason();
+    return refuse(why != nullptr ? why : "unknown format");
+  }
+  result.pixels = std::unique_ptr<uint8_t, void (*)(void*)>(pixels, &stbi_image_free);
+  result.width = w;
+  result.height = h;
+  // A header the info pass could not read but the decoder could: held to the
+  // same budget after the fact.
+  if (!within_pixel_budget(w, h)) return refuse("image exceeds the image pixel budget");
+  return result;
+}
+
+DecodedRgb load_rgb_file(const std::string& path) {
+  std::vector<uint8_t> bytes;
+  if (!read_file(path, bytes)) return DecodedRgb{};
+  return decode_rgb(bytes.data(), bytes.size());
+}
+
+void check_view(const ImageView& view, const char* what) {
+  const int channels = channels_of(view.format);
+  if (view.data == nullptr) fail(what, "image.data is null");
+  if (view.width <= 0 || view.height <= 0) fail(what, "image.width and image.height must be positive");
+  if (view.stride != 0 && view.stride < static_cast<size_t>(view.width) * channels) {
+    fail(what, "image.stride is shorter than a row");
+  }
+}
+
+RgbSource::RgbSource(const ImageView& view) {
+  check_view(view, "image view");
+  if (view.format == PixelFormat::RGB) {
+    data_ = view.data;
+    width_ = view.width;
+    height_ = view.height;
+    stride_ = view.stride != 0 ? view.stride : static_cast<size_t>(view.width) * 3u;
+    return;
+  }
+  owned_ = to_rgb(view);
+  data_ = owned_.rgb.data();
+  width_ = owned_.width;
+  height_ = owned_.height;
+  stride_ = static_cast<size_t>(owned_.width) * 3u;
+}
+
+RgbSource::RgbSource(const uint8_t* rgb, int width, int height, size_t stride)
+    : data_(rgb),
+      width_(width),
+      height_(height),
+      stride_(stride != 0 ? stride : static_cast<size_t>(width) * 3u) {}
+
+bool resize_rgb(const uint8_t* in, int in_w, int in_h, size_t in_stride, uint8_t* out, int out_w,
+                int out_h, size_t out_stride, ResizeFilter filter) {
+  if (in_stride > static_cast<size_t>(INT_MAX) || out_stride > static_cast<size_t>(INT_MAX)) {
+    return false;
+  }
+  STBIR_RESIZE resize;
+  stbir_resize_init(&resize, in, in_w, in_h, static_cast<int>(in_stride), out, out_w, out_h,
+                    static_cast<int>(out_stride), STBIR_RGB, STBIR_TYPE_UINT8);
+  stbir_set_edgemodes(&resize, STBIR_EDGE_CLAMP, STBIR_EDGE_CLAMP);
+  if (filter == ResizeFilter::CatmullRom) {
+    stbir_set_filters(&resize, STBIR_FILTER_CATMULLROM, STBIR_FILTER_CATMULLROM);
+  }
+  return stbir_resize_extended(&resize) != 0;
+}
+
+}  // namespace detail
+
+}  // namespace vemoproc
