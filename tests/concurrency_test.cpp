@@ -56,9 +56,8 @@ const std::string& shared_image() {
 TEST(Concurrency, Detection) {
   const std::vector<std::string> paths = {shared_image(), shared_image()};
   const yolo::RawImage image(shared_image());
-  const xt::xtensor<float, 2> head = {{40, 30, 20, 20, 0.9f, 0.1f},
-                                      {42, 31, 20, 20, 0.8f, 0.1f},
-                                      {10, 10, 8, 8, 0.1f, 0.7f}};
+  const xt::xtensor<float, 2> head = {
+      {40, 30, 20, 20, 0.9f, 0.1f}, {42, 31, 20, 20, 0.8f, 0.1f}, {10, 10, 8, 8, 0.1f, 0.7f}};
   const std::vector<std::string> names = {"a", "b"};
   expect_all_equal(on_threads<std::vector<float>>([&](int) {
     const auto batch = yolo::preprocess(paths, {64, 64});
@@ -77,8 +76,8 @@ TEST(Concurrency, VisionInputs) {
   convnext::ConvNextPreprocessor convnext(32, 0.875f);
   zentil::ZentilPreprocessor zentil(24);
   qwen2vl::Qwen2VLImageProcessor qwen(true, 56 * 56, 28 * 28 * 16, true, 1.0f / 255.0f, true,
-                                      qwen2vl::kDefaultImageMean, qwen2vl::kDefaultImageStd, 14,
-                                      2, 2);
+                                      qwen2vl::kDefaultImageMean, qwen2vl::kDefaultImageStd, 14, 2,
+                                      2);
   const auto decoded = qwen.load_image(shared_image());
   const std::vector<xt::xtensor<uint8_t, 3>> batch = {decoded, decoded};
   expect_all_equal(on_threads<std::vector<float>>([&](int) {

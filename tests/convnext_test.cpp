@@ -2,9 +2,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <stdexcept>
+#include <thread>
 
 #include "test_images.hpp"
 
@@ -92,6 +98,67 @@ TEST(ConvNextPreprocessor, RejectsBadFilesAndArguments) {
   // A tiny but valid crop_pct saturates the short edge and wraps the 32-bit
   // product: the resized size is checked against the crop.
   EXPECT_THROW(ConvNextPreprocessor(224, 1e-8f).process(ok), std::runtime_error);
+}
+
+// A caller's pixels give exactly the path result: RGB read in place (tight
+// and padded rows) and the other formats through their RGB conversion.
+TEST(ConvNextPreprocessor, ViewsGiveThePathResult) {
+  const std::string path = testimg::write(testimg::make(45, 31, 3, pattern), Format::Jpeg, "v.jpg");
+  const vemoproc::Image decoded = testimg::decode(path);
+  ConvNextPreprocessor p(16, 0.875f);
+  const xt::xarray<float> want = p.process(path);
+  for (auto format :
+       {vemoproc::PixelFormat::RGB, vemoproc::PixelFormat::BGR, vemoproc::PixelFormat::BGRA}) {
+    for (size_t pad : {0, 5}) {
+      const testimg::Layout in = testimg::lay_out(decoded, format, pad);
+      EXPECT_TRUE(p.process(in.view) == want) << int(format) << " pad " << pad;
+    }
+  }
+  EXPECT_THAT(
+      [&] {
+        p.process(vemoproc::ImageView{nullptr, 4, 4, 0, vemoproc::PixelFormat::RGB});
+      },
+      ThrowsMessage<std::runtime_error>(HasSubstr("image.data")));
+}
+
+// A tiny file of extreme aspect ratio would need a 5,120,000 x 256 resize:
+// refused before allocating, like any image over the pixel budget.
+TEST(ConvNextPreprocessor, ResizeTargetsAreHeldToThePixelBudget) {
+  const std::string path = testimg::write(testimg::solid(20000, 1, 9, 9, 9), Format::Png, "w.png");
+  EXPECT_THAT([&] { ConvNextPreprocessor(224, 0.875f).process(path); },
+              ThrowsMessage<std::runtime_error>("Failed to resize image"));
+}
+
+// The loader opens a file once: a FIFO serving junk to its first reader and a
+// truncated PIC to any later one must fail cleanly (a loader that opened the
+// file twice, once to sniff the format and once to decode, reached the PIC
+// decoder's null read here).
+TEST(ConvNextPreprocessor, ReadsEachFileExactlyOnce) {
+  const std::string fifo = (testimg::scratch_dir() / "once.fifo").string();
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const std::string junk = "not an image at all";
+  const std::vector<uint8_t> pic =
+      testimg::read_bytes(testimg::write_pic(6, 6, std::vector<uint8_t>(108, 50), "cut.pic", 40));
+  std::thread writer([&] {
+    const std::vector<uint8_t> parts[2] = {{junk.begin(), junk.end()}, pic};
+    for (int i = 0; i < 2; ++i) {
+      // A non-blocking open succeeds only while a reader has the FIFO open.
+      const auto deadline =
+          std::chrono::steady_clock::now() + std::chrono::milliseconds(i == 0 ? 20000 : 300);
+      int fd = -1;
+      while ((fd = open(fifo.c_str(), O_WRONLY | O_NONBLOCK)) < 0 &&
+             std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+      if (fd < 0) return;
+      fcntl(fd, F_SETFL, 0);
+      (void)!write(fd, parts[i].data(), parts[i].size());
+      close(fd);
+    }
+  });
+  EXPECT_THAT([&] { ConvNextPreprocessor(4, 1.0f).process(fifo); },
+              ThrowsMessage<std::runtime_error>("Failed to load image: " + fifo));
+  writer.join();
 }
 
 }  // namespace

@@ -251,4 +251,35 @@ TEST(Qwen2VLImageProcessor, RejectsArgumentsThatWouldReadOutOfBounds) {
             "Absolute aspect ratio must be smaller than 200");
 }
 
+// Views (RGB in place with or without padded rows, other formats converted)
+// give the rows of the decoded-image form, with and without resizing.
+TEST(Qwen2VLImageProcessor, ViewsGiveTheDecodedImageRows) {
+  const std::string path = testimg::write(
+      testimg::make(56, 84, 3, [](int x, int y, int c) { return (x * 3 + y * 7 + c * 50) % 256; }),
+      Format::Png, "v.png");
+  const vemoproc::Image decoded = testimg::decode(path);
+  for (bool resize : {true, false}) {
+    auto p = processor(resize, true, true);
+    const auto want = p.preprocess(std::vector<Image>{Qwen2VLImageProcessor::load_image(path)});
+    for (auto format : {vemoproc::PixelFormat::RGB, vemoproc::PixelFormat::BGR}) {
+      for (size_t pad : {0, 7}) {
+        const testimg::Layout in = testimg::lay_out(decoded, format, pad);
+        expect_same(p.preprocess(std::vector<vemoproc::ImageView>{in.view, in.view}),
+                    p.preprocess(std::vector<Image>{Qwen2VLImageProcessor::load_image(path),
+                                                    Qwen2VLImageProcessor::load_image(path)}));
+        expect_same(p.preprocess(std::vector<vemoproc::ImageView>{in.view}), want);
+      }
+    }
+  }
+}
+
+TEST(ResizeImage, TargetsOverThePixelBudgetAreRefused) {
+  const uint64_t saved = vemoproc::max_image_pixels();
+  vemoproc::set_max_image_pixels(1000);
+  EXPECT_EQ(message_of([] { qwen2vl::resize_image(make_image(4, 4, 0), 40, 26); }),
+            "Failed to resize image");
+  EXPECT_EQ(qwen2vl::resize_image(make_image(4, 4, 0), 40, 25).shape(0), 40u);
+  vemoproc::set_max_image_pixels(saved);
+}
+
 }  // namespace

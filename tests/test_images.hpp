@@ -13,6 +13,7 @@
 
 #include <unistd.h>
 
+#include "pixels.hpp"
 #include "stb_image_write.h"
 
 namespace testimg {
@@ -127,6 +128,40 @@ inline void insert_empty_idat(const std::string& path) {
   // Length 0, the tag, and the CRC-32 of "IDAT".
   b.insert(at - 4, {0, 0, 0, 0, 'I', 'D', 'A', 'T', 0x35, 0xAF, 0x06, 0x1E});
   write_bytes(path, b);
+}
+
+// The decoded pixels of a file, as every family's path loader sees them.
+inline vemoproc::Image decode(const std::string& path) {
+  const std::vector<uint8_t> bytes = read_bytes(path);
+  return vemoproc::decode_image(bytes.data(), bytes.size());
+}
+
+// An image's pixels laid out as `format` in rows padded by `pad` bytes of
+// 0xEE (a view of it has stride 0 when pad is 0). Keeps the buffer alive.
+struct Layout {
+  std::vector<uint8_t> bytes;
+  vemoproc::ImageView view;
+};
+inline Layout lay_out(const vemoproc::Image& image, vemoproc::PixelFormat format, size_t pad) {
+  const int ch = vemoproc::channels_of(format);
+  const size_t row = static_cast<size_t>(image.width) * ch + pad;
+  Layout out;
+  out.bytes.assign(row * image.height, 0xEE);
+  for (size_t i = 0; i < static_cast<size_t>(image.width) * image.height; ++i) {
+    const uint8_t* rgb = &image.rgb[3 * i];
+    uint8_t* p = out.bytes.data() + (i / image.width) * row + (i % image.width) * ch;
+    const bool bgr = format == vemoproc::PixelFormat::BGR || format == vemoproc::PixelFormat::BGRA;
+    if (ch == 1) {
+      p[0] = rgb[0];
+      continue;
+    }
+    p[0] = bgr ? rgb[2] : rgb[0];
+    p[1] = rgb[1];
+    p[2] = bgr ? rgb[0] : rgb[2];
+    if (ch == 4) p[3] = 99;
+  }
+  out.view = {out.bytes.data(), image.width, image.height, pad == 0 ? 0 : row, format};
+  return out;
 }
 
 // A file whose bytes are not an image in any format.

@@ -68,4 +68,28 @@ TEST(ZentilPreprocessor, SizeZeroAndErrors) {
   EXPECT_THROW(ZentilPreprocessor(4).process(testimg::write_garbage("z.bmp")), std::runtime_error);
 }
 
+// A caller's pixels give exactly the path result, in every format and with
+// padded rows; the stretched image is held to the pixel budget.
+TEST(ZentilPreprocessor, ViewsGiveThePathResultWithinTheBudget) {
+  const std::string path = testimg::write(
+      testimg::make(23, 40, 3, [](int x, int y, int c) { return (x * 9 + y * 5 + c * 60) % 256; }),
+      Format::Png, "v.png");
+  const vemoproc::Image decoded = testimg::decode(path);
+  ZentilPreprocessor p(17);
+  const xt::xarray<float> want = p.process(path);
+  for (auto format : {vemoproc::PixelFormat::RGB, vemoproc::PixelFormat::RGBA}) {
+    for (size_t pad : {0, 3}) {
+      EXPECT_TRUE(p.process(testimg::lay_out(decoded, format, pad).view) == want);
+    }
+  }
+  const uint64_t saved = vemoproc::max_image_pixels();
+  vemoproc::set_max_image_pixels(17 * 17 - 1);
+  EXPECT_THAT([&] { p.process(path); },
+              testing::ThrowsMessage<std::runtime_error>("Failed to load image: " + path));
+  vemoproc::set_max_image_pixels(30 * 30);
+  EXPECT_THAT([&] { ZentilPreprocessor(31).process(decoded.view()); },
+              testing::ThrowsMessage<std::runtime_error>("Failed to resize image"));
+  vemoproc::set_max_image_pixels(saved);
+}
+
 }  // namespace

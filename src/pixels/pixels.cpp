@@ -87,8 +87,7 @@ stbi_uc* load(const uint8_t* bytes, size_t size, int* w, int* h, int* comp, int 
 // Softimage PIC files start with a magic number and carry "PICT" at byte 88.
 bool is_pic(const uint8_t* bytes, size_t size) {
   static const uint8_t magic[4] = {0x53, 0x80, 0xF6, 0x34};
-  return size >= 92 && std::memcmp(bytes, magic, 4) == 0 &&
-         std::memcmp(bytes + 88, "PICT", 4) == 0;
+  return size >= 92 && std::memcmp(bytes, magic, 4) == 0 && std::memcmp(bytes + 88, "PICT", 4) == 0;
 }
 
 // ---------------------------------------------------------------------------
@@ -222,9 +221,7 @@ struct YuvCoefficients {
 constexpr YuvCoefficients kVideoRange = {1220542, 16, 1673527, -852492, -409993, 2116026};
 constexpr YuvCoefficients kFullRange = {1 << 20, 0, 1470104, -748826, -360853, 1858077};
 
-inline uint8_t sat(int32_t v) {
-  return static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v));
-}
+inline uint8_t sat(int32_t v) { return static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v)); }
 
 void check_plane(const uint8_t* plane, size_t stride, size_t row_bytes, const char* name) {
   if (plane == nullptr) fail("to_rgb()", (std::string("frame.") + name + " is null").c_str());
@@ -408,8 +405,7 @@ DecodedRgb decode_rgb(const uint8_t* bytes, size_t size, std::string* reason) {
   // decoder allocates anything for its pixels.
   if (info(bytes, size, &w, &h, &comp) != 0 && !within_pixel_budget(w, h)) {
     return refuse(std::to_string(w) + " x " + std::to_string(h) +
-                  " pixels exceed the image pixel budget of " +
-                  std::to_string(max_image_pixels()));
+                  " pixels exceed the image pixel budget of " + std::to_string(max_image_pixels()));
   }
   stbi_uc* pixels = nullptr;
   if (is_pic(bytes, size)) {
@@ -447,7 +443,8 @@ DecodedRgb load_rgb_file(const std::string& path) {
 void check_view(const ImageView& view, const char* what) {
   const int channels = channels_of(view.format);
   if (view.data == nullptr) fail(what, "image.data is null");
-  if (view.width <= 0 || view.height <= 0) fail(what, "image.width and image.height must be positive");
+  if (view.width <= 0 || view.height <= 0)
+    fail(what, "image.width and image.height must be positive");
   if (view.stride != 0 && view.stride < static_cast<size_t>(view.width) * channels) {
     fail(what, "image.stride is shorter than a row");
   }

@@ -59,7 +59,8 @@ void check_arguments(int size, float crop_pct) {
 }
 
 // Decoded or borrowed RGB -> shortest-edge resize -> crop -> normalise.
-xt::xarray<float> preprocess(const ConvNextPreprocessor& p, const vemoproc::detail::RgbSource& rgb) {
+xt::xarray<float> preprocess(const ConvNextPreprocessor& p,
+                             const vemoproc::detail::RgbSource& rgb) {
   const int size = p.size;
   const int width = rgb.width();
   const int height = rgb.height();
@@ -121,8 +122,8 @@ xt::xarray<float> ConvNextPreprocessor::process(const std::string& image_path) {
   check_arguments(size, crop_pct);
   const vemoproc::detail::DecodedRgb decoded = vemoproc::detail::load_rgb_file(image_path);
   if (!decoded) throw std::runtime_error("Failed to load image: " + image_path);
-  return preprocess(*this,
-                    vemoproc::detail::RgbSource(decoded.pixels.get(), decoded.width, decoded.height, 0));
+  return preprocess(
+      *this, vemoproc::detail::RgbSource(decoded.pixels.get(), decoded.width, decoded.height, 0));
 }
 
 xt::xarray<float> ConvNextPreprocessor::process(const vemoproc::ImageView& image) {

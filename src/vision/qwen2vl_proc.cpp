@@ -332,7 +332,8 @@ float* write_patch_rows(const Qwen2VLImageProcessor& p, const ValueTable& table,
 
 // The batch: every image planned (and checked) first, then all rows written
 // into one allocation, in input order.
-Qwen2VLImageOutput process_images(const Qwen2VLImageProcessor& p, const std::vector<Pixels>& images) {
+Qwen2VLImageOutput process_images(const Qwen2VLImageProcessor& p,
+                                  const std::vector<Pixels>& images) {
   check_arguments(p);
   const size_t count = images.size();
   std::vector<ImagePlan> plans;
@@ -353,8 +354,8 @@ Qwen2VLImageOutput process_images(const Qwen2VLImageProcessor& p, const std::vec
   for (size_t i = 0; i < count; ++i) {
     const ImagePlan& plan = plans[i];
     if (plan.resize) {
-      const xt::xtensor<uint8_t, 3> resized = resize_pixels(
-          images[i], static_cast<int>(plan.height), static_cast<int>(plan.width));
+      const xt::xtensor<uint8_t, 3> resized =
+          resize_pixels(images[i], static_cast<int>(plan.height), static_cast<int>(plan.width));
       out = write_patch_rows(p, table, resized.data(), plan.width * 3, plan, out);
     } else {
       out = write_patch_rows(p, table, images[i].data, images[i].stride, plan, out);

@@ -71,8 +71,8 @@ xt::xarray<float> ZentilPreprocessor::process(const std::string& image_path) {
   check_size(size);
   const vemoproc::detail::DecodedRgb decoded = vemoproc::detail::load_rgb_file(image_path);
   if (!decoded) throw std::runtime_error("Failed to load image: " + image_path);
-  return preprocess(*this,
-                    vemoproc::detail::RgbSource(decoded.pixels.get(), decoded.width, decoded.height, 0));
+  return preprocess(
+      *this, vemoproc::detail::RgbSource(decoded.pixels.get(), decoded.width, decoded.height, 0));
 }
 
 xt::xarray<float> ZentilPreprocessor::process(const vemoproc::ImageView& image) {

@@ -53,7 +53,8 @@ void require_rgb_buffer(const RawImage& image, const char* function) {
 RawImage::RawImage(const std::string& path) {
   vemoproc::detail::DecodedRgb decoded = vemoproc::detail::load_rgb_file(path);
   if (!decoded) throw std::runtime_error("stbi_load failed for: " + path);
-  data.assign(decoded.pixels.get(), decoded.pixels.get() + rgb_bytes(decoded.width, decoded.height));
+  data.assign(decoded.pixels.get(),
+              decoded.pixels.get() + rgb_bytes(decoded.width, decoded.height));
   width = decoded.width;
   height = decoded.height;
   channels = 3;
