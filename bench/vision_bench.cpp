@@ -1,6 +1,8 @@
 // Vision inputs: ConvNeXt / Zentil on a 1080p JPEG next to a decode-only
-// baseline; Qwen2-VL single image, batches, and the patch stage alone next to
-// a memcpy of its output bytes.
+// baseline; ConvNeXt on caller pixels (an RGB view read in place against a
+// BGR one that must be converted first); a 1080p NV12 camera frame to RGB
+// next to a memcpy of the RGB output; Qwen2-VL single image, batches, and the
+// patch stage alone next to a memcpy of its output bytes.
 #include "ratios.hpp"
 
 #include <cstdio>
@@ -10,6 +12,7 @@
 #include <vector>
 
 #include "convnext.hpp"
+#include "pixels.hpp"
 #include "qwen2vl.hpp"
 #include "stb_image.h"
 #include "stb_image_write.h"
@@ -75,6 +78,57 @@ void BM_ZentilProcess1080p(benchmark::State& state) {
 }
 BENCHMARK(BM_ZentilProcess1080p)->Unit(benchmark::kMillisecond);
 
+// The same 1080p picture as caller pixels: RGB is resized in place, BGR goes
+// through one conversion to RGB first; the gap is the cost of a whole copy.
+void convnext_view(benchmark::State& state, vemoproc::PixelFormat format) {
+  std::vector<uint8_t> px = photo_like(1920, 1080);
+  if (format == vemoproc::PixelFormat::BGR)
+    for (size_t i = 0; i < px.size(); i += 3) std::swap(px[i], px[i + 2]);
+  const vemoproc::ImageView view{px.data(), 1920, 1080, 0, format};
+  convnext::ConvNextPreprocessor pre(224, 0.875f);
+  for (auto _ : state) benchmark::DoNotOptimize(pre.process(view));
+}
+void BM_ConvNextRgbView1080p(benchmark::State& state) {
+  convnext_view(state, vemoproc::PixelFormat::RGB);
+}
+BENCHMARK(BM_ConvNextRgbView1080p)->Unit(benchmark::kMillisecond);
+void BM_ConvNextBgrView1080p(benchmark::State& state) {
+  convnext_view(state, vemoproc::PixelFormat::BGR);
+}
+BENCHMARK(BM_ConvNextBgrView1080p)->Unit(benchmark::kMillisecond);
+
+// A 1080p NV12 camera frame to packed RGB, next to a memcpy of those bytes.
+void BM_Nv12ToRgb1080p(benchmark::State& state) {
+  const int w = 1920, h = 1080;
+  std::vector<uint8_t> y(size_t(w) * h), uv(size_t(w) * h / 2);
+  for (size_t i = 0; i < y.size(); ++i) y[i] = uint8_t(i * 7 + i / w);
+  for (size_t i = 0; i < uv.size(); ++i) uv[i] = uint8_t(i * 13 + 64);
+  const vemoproc::YuvView frame{y.data(),
+                                size_t(w),
+                                uv.data(),
+                                size_t(w),
+                                nullptr,
+                                0,
+                                w,
+                                h,
+                                vemoproc::YuvLayout::NV12,
+                                vemoproc::YuvRange::Video};
+  for (auto _ : state) benchmark::DoNotOptimize(vemoproc::to_rgb(frame));
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * w * h * 3);
+}
+BENCHMARK(BM_Nv12ToRgb1080p)->Unit(benchmark::kMicrosecond);
+
+void BM_MemcpyRgb1080p(benchmark::State& state) {
+  const size_t bytes = size_t(1920) * 1080 * 3;
+  std::vector<char> src(bytes, 1), dst(bytes, 0);
+  for (auto _ : state) {
+    std::memcpy(dst.data(), src.data(), bytes);
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes));
+}
+BENCHMARK(BM_MemcpyRgb1080p)->Unit(benchmark::kMicrosecond);
+
 // 1024 x 1024 with the default budget: resized to 1008 x 1008, 1296 rows.
 void BM_Qwen2VLPreprocess1024(benchmark::State& state) {
   auto proc = default_processor(true);
@@ -130,5 +184,7 @@ int main(int argc, char** argv) {
                           {"BM_Qwen2VLBatch448/8", "BM_Qwen2VLBatch448/1", 0},
                           {"BM_Qwen2VLPatchStage1008", "BM_MemcpyPatchBytes1008", 4.0},
                           {"BM_ConvNextProcess1080p", "BM_DecodeJpeg1080p", 0},
+                          {"BM_ConvNextRgbView1080p", "BM_ConvNextBgrView1080p", 0},
+                          {"BM_Nv12ToRgb1080p", "BM_MemcpyRgb1080p", 3.0},
                           {"BM_ZentilProcess1080p", "BM_DecodeJpeg1080p", 0}});
 }

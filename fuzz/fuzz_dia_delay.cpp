@@ -12,9 +12,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<int> delays(static_cast<size_t>(in.range(0, 6)));
   for (int& d : delays) d = in.range(-14, 14);
 
-  xt::xarray<float> audio = xt::zeros<float>({static_cast<size_t>(in.range(0, 3)),
-                                              static_cast<size_t>(in.range(0, 12)),
-                                              static_cast<size_t>(in.range(0, 5))});
+  xt::xarray<float> audio =
+      xt::zeros<float>({static_cast<size_t>(in.range(0, 3)), static_cast<size_t>(in.range(0, 12)),
+                        static_cast<size_t>(in.range(0, 5))});
   for (float& v : audio) v = static_cast<float>(in.take<int16_t>());
   const int bound = in.range(-2, 14);
   try {
@@ -28,8 +28,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   } catch (const std::exception&) {
   }
 
-  xt::xarray<int> prompt = xt::zeros<int>({static_cast<size_t>(in.range(0, 4)),
-                                           static_cast<size_t>(in.range(0, 5))});
+  xt::xarray<int> prompt =
+      xt::zeros<int>({static_cast<size_t>(in.range(0, 4)), static_cast<size_t>(in.range(0, 5))});
   for (int& v : prompt) v = in.take<int16_t>();
   try {
     dia.prepareAudioPrompt(in.take<uint8_t>() & 1 ? &prompt : nullptr, 1026, 1025, C, delays);

@@ -16,8 +16,9 @@ using Bytes = std::vector<uint8_t>;
 namespace {
 
 void save(const fs::path& path, const Bytes& bytes) {
-  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
-                                              static_cast<std::streamsize>(bytes.size()));
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char*>(bytes.data()),
+             static_cast<std::streamsize>(bytes.size()));
 }
 
 Bytes load(const fs::path& path) {
@@ -71,8 +72,8 @@ Bytes pic(int w, int h) {
   b.insert(b.end(), {'P', 'I', 'C', 'T'});
   put16be(b, unsigned(w));
   put16be(b, unsigned(h));
-  b.insert(b.end(), 8, 0);               // ratio, fields, pad
-  b.insert(b.end(), {0, 8, 0, 0xE0});    // last packet, 8 bits, raw, R|G|B
+  b.insert(b.end(), 8, 0);             // ratio, fields, pad
+  b.insert(b.end(), {0, 8, 0, 0xE0});  // last packet, 8 bits, raw, R|G|B
   for (int i = 0; i < w * h * 3; ++i) b.push_back(uint8_t(11 * i));
   return b;
 }
@@ -117,7 +118,8 @@ int main(int argc, char** argv) {
     if (b.size() < 4) continue;
     const std::string stem = p.filename().string();
     for (size_t cut : {b.size() / 4, b.size() / 2, b.size() - 1})
-      save(dir / ("cut" + std::to_string(cut) + "-" + stem), Bytes(b.begin(), b.begin() + long(cut)));
+      save(dir / ("cut" + std::to_string(cut) + "-" + stem),
+           Bytes(b.begin(), b.begin() + long(cut)));
     for (size_t pos : {size_t(3), b.size() / 2, b.size() - 2}) {
       Bytes flipped = b;
       flipped[pos] ^= uint8_t(1u << (pos % 8));
