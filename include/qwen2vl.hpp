@@ -49,6 +49,16 @@ VEMOPROC_API std::pair<int, int> smart_resize(int height, int width, int factor,
 VEMOPROC_API xt::xtensor<uint8_t, 3> resize_image(const xt::xtensor<uint8_t, 3>& image,
                                                   int new_height, int new_width);
 
+// Which frames of a decoded video to hand to preprocess_video:
+// n = total_frames / video_fps * target_fps (float, truncated), clamped to
+// [min_frames, min(max_frames, total_frames)], floored to a multiple of
+// temporal_patch_size (at least one group); indices i * total_frames / n
+// (integer division), evenly spaced from 0. Throws std::runtime_error naming
+// the argument for non-positive counts or rates, or min_frames > max_frames.
+VEMOPROC_API std::vector<int> sample_frame_indices(int total_frames, float video_fps,
+                                                   float target_fps, int min_frames, int max_frames,
+                                                   int temporal_patch_size);
+
 // Flattened patch rows and the patch grid of every image.
 struct Qwen2VLImageOutput {
   xt::xarray<float> patches;    // [patches, 3 * temporal_patch_size * patch_size^2]
@@ -94,6 +104,18 @@ class VEMOPROC_API Qwen2VLImageProcessor {
   // bit-identical to the decoded-image form. Throws as that form, and
   // std::runtime_error naming the argument for a view that cannot be read.
   Qwen2VLImageOutput preprocess(const std::vector<vemoproc::ImageView>& images);
+
+  // One video: frames of one size, each resized exactly as a still image of
+  // that size would be (same smart_resize target and resampler), rescaled and
+  // normalised the same way. The frame count is padded up to a multiple of
+  // temporal_patch_size with copies of the last frame; each group of
+  // temporal_patch_size consecutive frames is one step of the patches'
+  // temporal axis. Rows run over the groups first, then the merge-ordered
+  // blocks of the still-image rule; grid_thw is [1, 3] = (groups, grid_h,
+  // grid_w). A one-frame video equals the still image. Throws
+  // std::runtime_error naming `frames` when it is empty or the sizes differ,
+  // and whatever the still-image form throws.
+  Qwen2VLImageOutput preprocess_video(const std::vector<vemoproc::ImageView>& frames);
 
   // One image: optional smart_resize + resize_image (factor = patch_size *
   // merge_size, budgets narrowed to int by wrapping), value -> float,
