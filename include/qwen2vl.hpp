@@ -31,7 +31,10 @@ VEMOPROC_API extern const std::vector<float>
 //
 // Throws std::runtime_error "Absolute aspect ratio must be smaller than 200"
 // when max(h, w) / min(h, w), an integer quotient, is 201 or more (a zero side
-// gives quotient 0 and passes), and a message naming `factor` when it is 0.
+// gives quotient 0 and passes), and a message naming the argument where the
+// rule would divide by zero: `factor` 0, `max_pixels` of 0 or less when the
+// rounded size exceeds it, and a zero height * width when the rounded size is
+// below min_pixels.
 // Int products that overflow wrap (two's complement) and float-to-int
 // conversions saturate at the int limits with NaN giving 0, so every argument
 // value has a defined result.

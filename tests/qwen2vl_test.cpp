@@ -113,7 +113,15 @@ TEST(SmartResize, AspectLimitAndDegenerateArguments) {
   // Overflowing products and conversions have defined results (the sanitizer
   // build checks there is no undefined behaviour on the way).
   EXPECT_NO_THROW(smart_resize(INT_MAX, INT_MAX, 28, 3136, 1003520));
-  EXPECT_NO_THROW(smart_resize(INT_MIN, -1, -28, INT_MAX, INT_MIN));
+  EXPECT_THROW(smart_resize(INT_MIN, -1, -28, INT_MAX, INT_MIN), std::runtime_error);
+  // Where the rule would divide by zero it refuses, naming the argument,
+  // instead of returning (0, 0) or (INT_MAX, INT_MAX).
+  EXPECT_NE(message_of([] { smart_resize(100, 100, 28, 3136, 0); }).find("max_pixels"),
+            std::string::npos);
+  EXPECT_NE(message_of([] { smart_resize(100, 100, 28, 3136, -5); }).find("max_pixels"),
+            std::string::npos);
+  EXPECT_NE(message_of([] { smart_resize(0, 0, 28, 3136, 1003520); }).find("height and width"),
+            std::string::npos);
   EXPECT_NO_THROW(smart_resize(46341, 46341, 1, INT_MAX, INT_MAX));
 }
 

@@ -164,6 +164,8 @@ std::pair<int, int> smart_resize(int height, int width, int factor, int min_pixe
   const int pixels = wrapping_mul(h_bar, w_bar);
   const float area = static_cast<float>(wrapping_mul(height, width));
   if (pixels > max_pixels) {
+    // beta divides by max_pixels: a budget of zero or less has no size.
+    if (max_pixels <= 0) throw std::runtime_error("smart_resize: max_pixels must be positive");
     // The rounded sides (not the input ones) are scaled down, truncated, then
     // floored to a multiple of factor; no lower clamp here.
     const float beta = std::sqrt(area / static_cast<float>(max_pixels));
@@ -174,6 +176,11 @@ std::pair<int, int> smart_resize(int height, int width, int factor, int min_pixe
     h_bar = shrink(h_bar);
     w_bar = shrink(w_bar);
   } else if (pixels < min_pixels) {
+    // beta divides by the input area: an empty image has no scale.
+    if (area == 0.0f) {
+      throw std::runtime_error(
+          "smart_resize: height and width must be positive to reach min_pixels");
+    }
     const float beta = std::sqrt(static_cast<float>(min_pixels) / area);
     const auto grow = [&](int side) {
       const float scaled = static_cast<float>(saturating_int(static_cast<float>(side) * beta));
