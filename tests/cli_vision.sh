@@ -54,7 +54,7 @@ expect_error "standard input: Failed to decode image bytes" zentil - -o m.npy < 
 # Bad input: one error line, exit status 1, no output file.
 expect_error "no such file: missing.png" convnext missing.png -o m.npy
 expect_error "crop_pct must be in (0, 1\]" convnext rgb.ppm --crop-pct 1.5 -o m.npy
-expect_error "size must not be negative" zentil rgb.ppm --size -2 -o m.npy
+expect_error "--size: expects an integer from 1 to 2147483647, got .-2." zentil rgb.ppm --size -2 -o m.npy
 printf 'not an image' > junk.png
 expect_error "Failed to load image: junk.png" qwen2vl junk.png -o m.npy
 expect_error "patch-size" qwen2vl rgb.ppm --patch-size 0 -o m.npy
