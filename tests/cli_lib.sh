@@ -73,3 +73,14 @@ npy_custom() {
     print "\x93NUMPY", chr($ver), "\x00", ($ver == 1 ? pack("v", $len) : pack("V", $len)),
       $h, pack($fmt, @v);' "$@" > "$file"
 }
+
+# expect_stdout_error ARGS...: with standard output on a full device the
+# command fails with one line naming standard output and the reason.
+expect_stdout_error() {
+  local err status=0
+  err=$("$exe" "$@" 2>&1 >/dev/full) || status=$?
+  [ "$status" -ne 0 ] && [ "$status" -lt 128 ] || fail "'$*' >/dev/full exited $status"
+  [ "$(printf '%s\n' "$err" | wc -l)" -eq 1 ] || fail "'$*' >/dev/full printed: $err"
+  [ "$err" = "vemoproc: error: cannot write standard output: No space left on device" ] ||
+    fail "'$*' >/dev/full said: $err"
+}
