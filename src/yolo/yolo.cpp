@@ -556,6 +556,7 @@ std::vector<T> nms(std::vector<T> table, T conf_threshold, T iou_threshold, size
       const T* ra = rows + a * kCols;
       const int class_a = saturating_int(ra[5]);
       const T area_a = area_of(ra);
+      if (std::isnan(area_a)) continue;  // every IoU with it is NaN
       for (size_t q = p + 1; q < m; ++q) {
         const size_t b = order[q];
         if (suppressed[b]) continue;
