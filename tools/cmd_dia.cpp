@@ -153,17 +153,26 @@ void add_sample(CLI::App& app) {
   auto temperature = std::make_shared<float>(1.3f);
   auto top_p = std::make_shared<float>(0.95f);
   auto top_k = std::make_shared<int>(35);
+  auto seed = std::make_shared<uint64_t>(0);
+  auto min_p = std::make_shared<float>(0.0f);
   cmd->add_option("logits", *in, "[C, V] logits (.npy: float32, float64, int32 or int64)")
       ->required();
   cmd->add_option("--temperature", *temperature, "0 picks the argmax")->capture_default_str();
   cmd->add_option("--top-p", *top_p, "Nucleus threshold (1 disables)")->capture_default_str();
   cmd->add_option("--top-k", *top_k, "Best scores kept (0 disables)")->capture_default_str();
+  auto* seed_opt =
+      cmd->add_option("--seed", *seed, "Reproducible draw: the same seed gives the same codes");
+  cmd->add_option("--min-p", *min_p, "Drop codes below this share of the row's best (0 disables)")
+      ->needs(seed_opt)
+      ->capture_default_str();
   cmd->callback([=] {
     const xt::xarray<float> logits = cli::load_npy_as_float(*in);
     dia::DiaPreprocessor dp;
-    for (int code : dp.sampleNextToken(logits, *temperature, *top_p, *top_k)) {
-      std::cout << code << "\n";
-    }
+    const auto codes =
+        seed_opt->count() == 0
+            ? dp.sampleNextToken(logits, *temperature, *top_p, *top_k)
+            : dp.sampleNextToken(logits, {*temperature, *top_p, *top_k, *min_p}, *seed);
+    for (int code : codes) std::cout << code << "\n";
   });
 }
 
