@@ -11,7 +11,6 @@
 #include <numeric>
 #include <stdexcept>
 
-#include <stb_image_resize2.h>
 #include <stb_easy_font.h>
 
 #include "../pixels/image_io.hpp"
@@ -89,9 +88,10 @@ RawImage letterbox(const RawImage& image, const std::array<int, 2>& new_shape,
     throw std::runtime_error("stbir_resize_uint8_linear failed");
   }
   std::vector<uint8_t> resized(rgb_bytes(new_w, new_h));
-  const unsigned char* out = stbir_resize_uint8_linear(image.data.data(), w, h, 0, resized.data(),
-                                                       new_w, new_h, 0, STBIR_RGB);
-  if (out == nullptr) throw std::runtime_error("stbir_resize_uint8_linear failed");
+  if (!vemoproc::detail::resize_rgb(image.data.data(), w, h, 0, resized.data(), new_w, new_h, 0,
+                                    vemoproc::detail::ResizeFilter::Default)) {
+    throw std::runtime_error("stbir_resize_uint8_linear failed");
+  }
 
   RawImage result;
   result.width = W;
