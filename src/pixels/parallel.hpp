@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <functional>
 
+#include "vemoproc_export.hpp"
+
 namespace vemoproc::detail {
 
 // Calls fn(i) once for every i in [0, count), on up to num_threads() threads
@@ -12,7 +14,7 @@ namespace vemoproc::detail {
 // throw, the first exception is rethrown here after every started call has
 // finished; pieces not yet started are skipped. Safe to call from several
 // threads at once and from inside fn (the nested call makes progress on its
-// caller's thread even when every worker is busy).
-void parallel_for(size_t count, const std::function<void(size_t)>& fn);
+// caller's thread even when every worker is busy). Exported for the tests.
+VEMOPROC_API void parallel_for(size_t count, const std::function<void(size_t)>& fn);
 
 }  // namespace vemoproc::detail

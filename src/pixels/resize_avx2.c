@@ -15,8 +15,9 @@
 
 __attribute__((visibility("hidden"))) const vemoproc_resizer* vemoproc_resizer_avx2(void) {
   static const vemoproc_resizer table = {
-      stbir_resize_init,      stbir_set_edgemodes,         stbir_set_filters,
-      stbir_build_samplers_with_splits, stbir_resize_extended_split, stbir_free_samplers,
+      stbir_resize_init,           stbir_set_edgemodes,
+      stbir_set_filters,           stbir_build_samplers_with_splits,
+      stbir_resize_extended_split, stbir_free_samplers,
   };
   return &table;
 }
