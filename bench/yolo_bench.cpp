@@ -4,10 +4,13 @@
 #include <filesystem>
 #include <random>
 
+#include "../src/pixels/cpu.hpp"
+#include "../src/pixels/image_io.hpp"
 #include "../src/yolo/pack.hpp"
 #include "ratios.hpp"
 #include "stb_image_resize2.h"
 #include "stb_image_write.h"
+#include "threads.hpp"
 #include "yolo.hpp"
 
 namespace {
@@ -71,6 +74,34 @@ void BM_BareStbResize_1080p_to_640x360(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_BareStbResize_1080p_to_640x360)->Unit(benchmark::kMillisecond);
+
+// The library's resize on the baseline build of the resizer, on the AVX2
+// build, and on the AVX2 build split over two threads.
+void resize_1080p_to_640x360(benchmark::State& state, bool wide, int threads) {
+  const auto im = frame_1080p();
+  std::vector<uint8_t> out(640u * 360u * 3u);
+  vemoproc::detail::set_wide_paths_enabled(wide);
+  vemoproc::set_num_threads(threads);
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(vemoproc::detail::resize_rgb(im.data.data(), 1920, 1080, 0, out.data(),
+                                                          640, 360, 0,
+                                                          vemoproc::detail::ResizeFilter::Default));
+  }
+  vemoproc::detail::set_wide_paths_enabled(true);
+  vemoproc::set_num_threads(1);
+}
+void BM_Resize_1080p_to_640x360_Baseline(benchmark::State& state) {
+  resize_1080p_to_640x360(state, false, 1);
+}
+void BM_Resize_1080p_to_640x360_Avx2(benchmark::State& state) {
+  resize_1080p_to_640x360(state, true, 1);
+}
+void BM_Resize_1080p_to_640x360_Avx2_2Threads(benchmark::State& state) {
+  resize_1080p_to_640x360(state, true, 2);
+}
+BENCHMARK(BM_Resize_1080p_to_640x360_Baseline)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Resize_1080p_to_640x360_Avx2)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Resize_1080p_to_640x360_Avx2_2Threads)->Unit(benchmark::kMillisecond);
 
 void BM_Pack_640(benchmark::State& state) {
   const auto boxed = yolo::letterbox(frame_1080p(), {640, 640}, 114);
@@ -170,8 +201,11 @@ BENCHMARK(BM_Draw100Boxes_1080p)->Unit(benchmark::kMicrosecond);
 }  // namespace
 
 int main(int argc, char** argv) {
-  return benchratio::run(argc, argv,
-                         {{"BM_Pack_640", "BM_MemcpyPackOutput_640", 2.0},
-                          {"BM_Letterbox_1080p_to_640", "BM_BareStbResize_1080p_to_640x360", 1.2},
-                          {"BM_Postprocess_8400x84", "BM_ReadPassHead_8400x84", 3.0}});
+  return benchratio::run(
+      argc, argv,
+      {{"BM_Pack_640", "BM_MemcpyPackOutput_640", 2.0},
+       {"BM_Letterbox_1080p_to_640", "BM_BareStbResize_1080p_to_640x360", 1.2},
+       {"BM_Postprocess_8400x84", "BM_ReadPassHead_8400x84", 3.0},
+       {"BM_Resize_1080p_to_640x360_Avx2", "BM_Resize_1080p_to_640x360_Baseline", 0.0},
+       {"BM_Resize_1080p_to_640x360_Avx2_2Threads", "BM_Resize_1080p_to_640x360_Avx2", 0.0}});
 }
