@@ -264,3 +264,48 @@ TEST(Threads, FirstExceptionPropagatesAfterStartedPiecesFinish) {
     EXPECT_EQ(after.load(), 10);
   }
 }
+
+TEST(Threads, BatchItemsFailLikeAPlainLoop) {
+  PathGuard guard;
+  for (int threads : {1, 4}) {
+    vemoproc::set_num_threads(threads);
+    std::vector<std::atomic<int>> ran(200);
+    try {
+      vemoproc::detail::parallel_for_each_item(ran.size(), [&](size_t i) {
+        ++ran[i];
+        if (i == 150 || i == 40 || i == 41) throw std::runtime_error("item " + std::to_string(i));
+      });
+      FAIL() << "no exception with " << threads << " threads";
+    } catch (const std::runtime_error& e) {
+      EXPECT_STREQ(e.what(), "item 40") << threads << " threads";
+    }
+    for (size_t i = 0; i <= 40; ++i) EXPECT_EQ(ran[i].load(), 1) << "item " << i;
+  }
+}
+
+TEST(Threads, DetectionBatchIsTheSameOnFourThreadsAndReportsTheFirstBadFile) {
+  PathGuard guard;
+  std::vector<std::string> paths;
+  for (int i = 0; i < 6; ++i) {
+    paths.push_back(testimg::write(
+        testimg::make(300 + 40 * i, 200 + 25 * i, 3,
+                      [i](int x, int y, int c) { return uint8_t(x * (i + 1) + 3 * y + 80 * c); }),
+        i % 2 ? testimg::Format::Png : testimg::Format::Jpeg, "batch" + std::to_string(i)));
+  }
+  const auto one = yolo::preprocess(paths, {160, 128});
+  vemoproc::set_num_threads(4);
+  EXPECT_TRUE(yolo::preprocess(paths, {160, 128}) == one);
+
+  std::vector<std::string> broken = paths;
+  broken[4] = broken[4] + ".missing";
+  broken[1] = broken[1] + ".missing";
+  for (int threads : {1, 4}) {
+    vemoproc::set_num_threads(threads);
+    try {
+      yolo::preprocess(broken, {160, 128});
+      FAIL() << "no exception with " << threads << " threads";
+    } catch (const std::runtime_error& e) {
+      EXPECT_EQ(std::string(e.what()), "stbi_load failed for: " + broken[1]);
+    }
+  }
+}

@@ -17,4 +17,10 @@ namespace vemoproc::detail {
 // caller's thread even when every worker is busy). Exported for the tests.
 VEMOPROC_API void parallel_for(size_t count, const std::function<void(size_t)>& fn);
 
+// parallel_for for the items of a batch, failing the way a plain loop over
+// them does: when items throw, the exception of the lowest failing index is
+// rethrown (items after a known failure are skipped, items before it still
+// run). Exported for the tests.
+VEMOPROC_API void parallel_for_each_item(size_t count, const std::function<void(size_t)>& fn);
+
 }  // namespace vemoproc::detail

@@ -172,6 +172,28 @@ void parallel_for(size_t count, const std::function<void(size_t)>& fn) {
   Pool::instance().run(std::make_shared<Job>(fn, count, std::min(threads, count) - 1));
 }
 
+void parallel_for_each_item(size_t count, const std::function<void(size_t)>& fn) {
+  if (num_threads() <= 1 || count <= 1) {
+    for (size_t i = 0; i < count; ++i) fn(i);
+    return;
+  }
+  std::vector<std::exception_ptr> errors(count);
+  std::atomic<size_t> first_failure{count};
+  parallel_for(count, [&](size_t i) {
+    if (i > first_failure.load()) return;
+    try {
+      fn(i);
+    } catch (...) {
+      errors[i] = std::current_exception();
+      size_t seen = first_failure.load();
+      while (i < seen && !first_failure.compare_exchange_weak(seen, i)) {
+      }
+    }
+  });
+  const size_t failed = first_failure.load();
+  if (failed < count) std::rethrow_exception(errors[failed]);
+}
+
 }  // namespace detail
 
 }  // namespace vemoproc

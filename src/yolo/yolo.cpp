@@ -14,6 +14,7 @@
 #include <stb_easy_font.h>
 
 #include "../pixels/image_io.hpp"
+#include "../pixels/parallel.hpp"
 
 #include "pack.hpp"
 
@@ -123,11 +124,12 @@ xt::xtensor<float, 4> preprocess(const std::vector<std::string>& paths,
   const size_t H = static_cast<size_t>(new_shape[1]);
   xt::xtensor<float, 4> batch = xt::zeros<float>({paths.size(), size_t{3}, H, W});
   const size_t plane = H * W;
-  for (size_t i = 0; i < paths.size(); ++i) {
-    // One image at a time: peak memory is the batch plus one decoded image.
+  // One image per thread (vemoproc::set_num_threads; one at a time by
+  // default): peak memory is the batch plus one decoded image per thread.
+  vemoproc::detail::parallel_for_each_item(paths.size(), [&](size_t i) {
     const RawImage boxed = letterbox(RawImage(paths[i]), new_shape, 114);
     internal::pack_planar(boxed.data.data(), plane, batch.data() + i * 3 * plane);
-  }
+  });
   return batch;
 }
 
