@@ -238,10 +238,10 @@ BENCHMARK(BM_ConvNext_Ours)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ConvNext_OpenCV)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Nv12ToRgb_Ours)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Nv12ToRgb_OpenCV)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Batch8_Ours_1Thread)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_Batch8_Ours_2Threads)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_Batch8_OpenCV_1Thread)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_Batch8_OpenCV_2Threads)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Batch8_Ours_1Thread)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Batch8_Ours_2Threads)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Batch8_OpenCV_1Thread)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Batch8_OpenCV_2Threads)->Unit(benchmark::kMillisecond);
 
 int main(int argc, char** argv) {
   cv::setNumThreads(1);
