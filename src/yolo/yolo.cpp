@@ -207,6 +207,12 @@ std::vector<Detection> postprocess(const xt::xtensor<float, 2>& predictions,
   const float* head = predictions.data();
   for (size_t i = 0; i < n; ++i) {
     const float* row = head + i * c;
+    // Most rows have no class score above the threshold, and then the maximum
+    // (some score, or the starting value) is not above it either: reject them
+    // with one branch-free pass the compiler vectorises.
+    int above = std::numeric_limits<float>::lowest() > conf_threshold;
+    for (size_t j = 4; j < c; ++j) above += row[j] > conf_threshold;
+    if (above == 0) continue;
     float score = std::numeric_limits<float>::lowest();
     size_t best = 0;
     float best_value = row[4];
