@@ -488,6 +488,35 @@ TEST(Postprocess, ConfidenceIsTheBestClassScoreAndStrictlyAboveThreshold) {
   EXPECT_EQ(dets[1].score, 0.3f);
 }
 
+// The rejection of rows with no score above the threshold: only the last of
+// 80 classes above it (past any vector width), a NaN among the scores, and a
+// threshold of -infinity, which keeps even a row of -infinity scores at the
+// starting maximum (the lowest finite float).
+TEST(Postprocess, RowsAreRejectedOnlyWhenNoScoreIsAboveTheThreshold) {
+  std::vector<float> last_only(80, 0.1f);
+  last_only[79] = 0.7f;
+  std::vector<float> with_nan(80, 0.2f);
+  with_nan[3] = std::numeric_limits<float>::quiet_NaN();
+  with_nan[50] = 0.9f;
+  const auto dets =
+      yolo::postprocess(head({head_row(0, 0, 10, 10, last_only),
+                              head_row(100, 100, 110, 110, std::vector<float>(80, 0.25f)),
+                              head_row(200, 200, 210, 210, with_nan)}),
+                        k640, k640, 0.25f, 0.45f, 300);
+  ASSERT_EQ(dets.size(), 2u);
+  EXPECT_EQ(dets[0].class_id, 50);
+  EXPECT_EQ(dets[0].score, 0.9f);
+  EXPECT_EQ(dets[1].class_id, 79);
+  EXPECT_EQ(dets[1].score, 0.7f);
+
+  const float inf = std::numeric_limits<float>::infinity();
+  const auto floor =
+      yolo::postprocess(head({head_row(0, 0, 10, 10, {-inf, -inf})}), k640, k640, -inf, 0.45f, 300);
+  ASSERT_EQ(floor.size(), 1u);
+  EXPECT_EQ(floor[0].score, std::numeric_limits<float>::lowest());
+  EXPECT_EQ(floor[0].class_id, 0);
+}
+
 TEST(Postprocess, NmsIsGreedyPerClassWithStrictIou) {
   // Boxes a=(0,0,10,10) and b=(5,0,15,10): IoU = 50 / 150 in float.
   const float iou = 50.0f / (150.0f + 1.0e-7f);

@@ -21,6 +21,8 @@
 #include <xtensor/xadapt.hpp>
 #include <xtensor/xbuilder.hpp>
 
+#include "../pixels/cpu.hpp"
+
 namespace dia {
 
 using IndexPair = std::tuple<xt::xarray<int>, xt::xarray<int>>;
@@ -260,8 +262,7 @@ xt::xarray<float> shift_block(const char* function, const xt::xarray<float>& aud
   float* o = out.data();
   size_t i = 0;
 #if defined(__x86_64__) || defined(__i386__)
-  static const bool has_avx2 = __builtin_cpu_supports("avx2");
-  if (has_avx2) i = shift_avx2(a, g, t, o, n, lo, below, hi, above);
+  if (vemoproc::detail::use_avx2()) i = shift_avx2(a, g, t, o, n, lo, below, hi, above);
 #endif
   for (; i < n; ++i) {
     const auto offset = static_cast<uint32_t>(g[i]);
