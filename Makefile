@@ -10,7 +10,7 @@ SANITIZE := $(BUILD)/asan
 THREAD := $(BUILD)/tsan
 CMAKE_COMMON := -DCMAKE_BUILD_TYPE=Release
 
-.PHONY: all setup build test test-release test-sanitize test-thread ci demo bench fuzz install format clean
+.PHONY: all setup build test test-release test-sanitize test-thread test-arm64 ci demo bench fuzz install format clean
 
 all: build
 
@@ -44,6 +44,23 @@ test-thread: setup
 	  -DVEMOPROC_MAX_IMAGE_DIMENSION=8192 -DVEMOPROC_BUILD_BENCH=OFF >/dev/null
 	cmake --build $(THREAD) -j$(JOBS)
 	TSAN_OPTIONS=halt_on_error=1 ctest --test-dir $(THREAD) --output-on-failure -j$(JOBS)
+
+# The suite cross-built for 64-bit ARM (release) and run under qemu's
+# user-mode emulator: GoogleTest is built for arm64 from Debian's source
+# package first, then the library, the tool and the tests. Benchmarks, fuzzers
+# and the installed-package checks (host programs) are left out.
+ARM64 := $(BUILD)/arm64
+ARM64_TOOLCHAIN := $(CURDIR)/cmake/toolchain-aarch64.cmake
+test-arm64: setup
+	@if [ ! -f $(ARM64)/gtest/prefix/.done ]; then \
+	  cmake -S /usr/src/googletest -B $(ARM64)/gtest/build -DCMAKE_BUILD_TYPE=Release \
+	    -DCMAKE_TOOLCHAIN_FILE=$(ARM64_TOOLCHAIN) -DCMAKE_INSTALL_PREFIX=$(CURDIR)/$(ARM64)/gtest/prefix >/dev/null && \
+	  cmake --build $(ARM64)/gtest/build -j$(JOBS) && \
+	  cmake --install $(ARM64)/gtest/build >/dev/null && touch $(ARM64)/gtest/prefix/.done; fi
+	cmake -S . -B $(ARM64)/release $(CMAKE_COMMON) -DCMAKE_TOOLCHAIN_FILE=$(ARM64_TOOLCHAIN) \
+	  -DCMAKE_PREFIX_PATH=$(CURDIR)/$(ARM64)/gtest/prefix -DVEMOPROC_BUILD_BENCH=OFF >/dev/null
+	cmake --build $(ARM64)/release -j$(JOBS)
+	ctest --test-dir $(ARM64)/release --output-on-failure -j$(JOBS)
 
 # What CI runs: the test command, the ThreadSanitizer suite and a short fuzz
 # smoke run of every harness.
