@@ -83,10 +83,12 @@ package: build test-arm64-build
 	cp $(RELEASE)/*.deb $(ARM64)/release/*.deb $(BUILD)/packages/
 	@ls $(BUILD)/packages
 
-# What CI runs: the test command, the ThreadSanitizer suite and a short fuzz
-# smoke run of every harness.
+# What CI runs: the test command, the ThreadSanitizer suite, a short fuzz
+# smoke run of every harness, the aarch64 suite under qemu, the static
+# library's consumer check and the packages.
 ci: test test-thread
 	bash fuzz/run.sh $(BUILD)/fuzz 20
+	$(MAKE) test-arm64 test-static package
 
 demo: build
 	$(RELEASE)/tools/vemoproc demo
