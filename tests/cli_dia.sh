@@ -47,4 +47,37 @@ for _ in 1 2 3 4 5; do
   [ "$code" = 1 ] || [ "$code" = 2 ] || fail "top-k 2 drew $code from row 0"
 done
 expect_error "logits must be two-dimensional" dia-sample codes.npy
+
+# Codes float cannot hold exactly are refused instead of rounded; 2^24 passes.
+npy exact.npy '<i4' '(1, 1, 1)' 4 16777216
+"$exe" dia-delay exact.npy --delays 0 --bos 1 --pad 0 -o exact_out.npy || fail "2^24 code"
+[ "$(values exact_out.npy d4)" = "16777216" ] || fail "2^24 became $(values exact_out.npy d4)"
+npy inexact.npy '<i4' '(1, 1, 1)' 4 16777217
+expect_error "holds the code 16777217, which float cannot hold exactly" \
+  dia-delay inexact.npy --delays 0 --bos 1 --pad 0 -o x.npy
+npy inexact64.npy '<i8' '(1, 2, 1)' 8 5 -16777217
+expect_error "holds the code -16777217" dia-delay inexact64.npy --delays 0 --bos 1 --pad 0 -o x.npy
+npy_custom inexactf8.npy 1 0 "{'descr': '<f8', 'fortran_order': False, 'shape': (1, 1, 1), }" 'd<*' 0.1
+expect_error "holds the code 0.10000000000000001" \
+  dia-delay inexactf8.npy --delays 0 --bos 1 --pad 0 -o x.npy
+expect_error "--bos: expects an integer from -16777216 to 16777216" \
+  dia-delay codes.npy --delays 0,2 --bos 16777217 --pad 0 -o x.npy
+expect_error "--pad: expects an integer" dia-delay codes.npy --delays 0,2 --bos 1 --pad 2147483648 -o x.npy
+# (2^40, 0, 1) holds no values but an axis too long for int.
+npy_custom longaxis.npy 1 0 "{'descr': '<i4', 'fortran_order': False, 'shape': (1099511627776, 0, 1), }" 'l<*'
+expect_error "has an axis longer than 2147483647" dia-delay longaxis.npy --delays 0 --bos 1 --pad 0 -o x.npy
+
+# Other numeric options.
+expect_error "--max-len: expects an integer from 0 to 16777216" dia-text "x" --max-len 4294967296
+expect_error "--max-len" dia-text "x" --max-len -1
+expect_error "--top-k: expects an integer from 0 to" dia-sample logits.npy --top-k -1
+expect_error "--temperature: expects a finite number" dia-sample logits.npy --temperature inf
+expect_error "--top-p: expects a finite number" dia-sample logits.npy --top-p nan
+
+# Failed writes: the path and the reason, standard output included.
+expect_error "cannot write /dev/full: No space left on device" dia-text "x" --max-len 4 -o /dev/full
+expect_error "cannot write /dev/full: No space left on device" \
+  dia-delay codes.npy --delays 0,2 --bos 99 --pad 98 -o /dev/full
+expect_stdout_error dia-text "[S1] Hello"
+expect_stdout_error dia-sample logits.npy --temperature 0
 echo "cli_dia: ok"
