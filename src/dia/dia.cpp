@@ -2,6 +2,7 @@
 // and the two shifts that use them (apply, revert), the decoder's initial
 // audio block, next-code sampling, attention masks.
 #include "dia.hpp"
+#include "../pixels/cpu.hpp"
 
 #include <algorithm>
 #include <cmath>
@@ -258,8 +259,8 @@ xt::xarray<float> shift_block(const char* function, const xt::xarray<float>& aud
   float* o = out.data();
   size_t i = 0;
 #if defined(__x86_64__) || defined(__i386__)
-  static const bool has_avx2 = __builtin_cpu_supports("avx2");
-  if (has_avx2) i = shift_avx2(a, g, t, o, n, lo, below, hi, above);
+  // The shared switch, so that tests can force the portable loop below.
+  if (vemoproc::detail::use_avx2()) i = shift_avx2(a, g, t, o, n, lo, below, hi, above);
 #endif
   for (; i < n; ++i) {
     const auto offset = static_cast<uint32_t>(g[i]);

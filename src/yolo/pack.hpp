@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "../pixels/cpu.hpp"
+
 #if defined(__x86_64__) || defined(__i386__)
 #include <immintrin.h>
 #endif
@@ -81,8 +83,8 @@ inline void pack_planar(const uint8_t* rgb, size_t pixels, float* dst) {
   float* b = dst + 2 * pixels;
   size_t i = 0;
 #if defined(__x86_64__) || defined(__i386__)
-  static const bool has_avx2 = __builtin_cpu_supports("avx2");
-  if (has_avx2) i = pack_planar_avx2(rgb, pixels, r, g, b);
+  // The shared switch, so that tests can force the portable loop below.
+  if (vemoproc::detail::use_avx2()) i = pack_planar_avx2(rgb, pixels, r, g, b);
 #endif
   const std::array<float, 256>& lut = unit_scale_table();
   for (; i < pixels; ++i) {
