@@ -10,6 +10,8 @@ apt_packages=(
   libxtensor-dev xtl-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   clang libclang-rt-14-dev
+  g++-aarch64-linux-gnu qemu-user-static googletest
+  dpkg-dev
 )
 
 missing=()
