@@ -148,6 +148,25 @@ void BM_Qwen2VLBatch448(benchmark::State& state) {
 }
 BENCHMARK(BM_Qwen2VLBatch448)->Arg(1)->Arg(8)->Arg(32)->Unit(benchmark::kMillisecond);
 
+// A 16-frame 448 x 448 video against the same frames as 16 still images.
+void BM_Qwen2VLVideo16x448(benchmark::State& state) {
+  auto proc = default_processor(true);
+  const Image frame = image_of(448);
+  const vemoproc::ImageView view{frame.data(), 448, 448, 0, vemoproc::PixelFormat::RGB};
+  const std::vector<vemoproc::ImageView> frames(16, view);
+  for (auto _ : state) benchmark::DoNotOptimize(proc.preprocess_video(frames));
+}
+BENCHMARK(BM_Qwen2VLVideo16x448)->Unit(benchmark::kMillisecond);
+
+void BM_Qwen2VLStills16x448(benchmark::State& state) {
+  auto proc = default_processor(true);
+  const Image frame = image_of(448);
+  const vemoproc::ImageView view{frame.data(), 448, 448, 0, vemoproc::PixelFormat::RGB};
+  for (auto _ : state)
+    for (int i = 0; i < 16; ++i) benchmark::DoNotOptimize(proc.preprocess({view}));
+}
+BENCHMARK(BM_Qwen2VLStills16x448)->Unit(benchmark::kMillisecond);
+
 // The stage after the resize (convert, rescale, normalise, tile, patch
 // order) on a 1008 x 1008 image; BM_MemcpyPatchBytes1008 below copies the
 // same output bytes as the baseline.
@@ -186,5 +205,6 @@ int main(int argc, char** argv) {
                           {"BM_ConvNextProcess1080p", "BM_DecodeJpeg1080p", 0},
                           {"BM_ConvNextRgbView1080p", "BM_ConvNextBgrView1080p", 0},
                           {"BM_Nv12ToRgb1080p", "BM_MemcpyRgb1080p", 3.0},
+                          {"BM_Qwen2VLVideo16x448", "BM_Qwen2VLStills16x448", 1.1},
                           {"BM_ZentilProcess1080p", "BM_DecodeJpeg1080p", 0}});
 }

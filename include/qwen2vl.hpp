@@ -31,7 +31,10 @@ VEMOPROC_API extern const std::vector<float>
 //
 // Throws std::runtime_error "Absolute aspect ratio must be smaller than 200"
 // when max(h, w) / min(h, w), an integer quotient, is 201 or more (a zero side
-// gives quotient 0 and passes), and a message naming `factor` when it is 0.
+// gives quotient 0 and passes), and a message naming the argument where the
+// rule would divide by zero: `factor` 0, `max_pixels` of 0 or less when the
+// rounded size exceeds it, and a zero height * width when the rounded size is
+// below min_pixels.
 // Int products that overflow wrap (two's complement) and float-to-int
 // conversions saturate at the int limits with NaN giving 0, so every argument
 // value has a defined result.
@@ -48,6 +51,16 @@ VEMOPROC_API std::pair<int, int> smart_resize(int height, int width, int factor,
 // "Failed to resize image" when the target exceeds vemoproc::max_image_pixels().
 VEMOPROC_API xt::xtensor<uint8_t, 3> resize_image(const xt::xtensor<uint8_t, 3>& image,
                                                   int new_height, int new_width);
+
+// Which frames of a decoded video to hand to preprocess_video:
+// n = total_frames / video_fps * target_fps (float, truncated), clamped to
+// [min_frames, min(max_frames, total_frames)], floored to a multiple of
+// temporal_patch_size (at least one group); indices i * total_frames / n
+// (integer division), evenly spaced from 0. Throws std::runtime_error naming
+// the argument for non-positive counts or rates, or min_frames > max_frames.
+VEMOPROC_API std::vector<int> sample_frame_indices(int total_frames, float video_fps,
+                                                   float target_fps, int min_frames, int max_frames,
+                                                   int temporal_patch_size);
 
 // Flattened patch rows and the patch grid of every image.
 struct Qwen2VLImageOutput {
@@ -94,6 +107,18 @@ class VEMOPROC_API Qwen2VLImageProcessor {
   // bit-identical to the decoded-image form. Throws as that form, and
   // std::runtime_error naming the argument for a view that cannot be read.
   Qwen2VLImageOutput preprocess(const std::vector<vemoproc::ImageView>& images);
+
+  // One video: frames of one size, each resized exactly as a still image of
+  // that size would be (same smart_resize target and resampler), rescaled and
+  // normalised the same way. The frame count is padded up to a multiple of
+  // temporal_patch_size with copies of the last frame; each group of
+  // temporal_patch_size consecutive frames is one step of the patches'
+  // temporal axis. Rows run over the groups first, then the merge-ordered
+  // blocks of the still-image rule; grid_thw is [1, 3] = (groups, grid_h,
+  // grid_w). A one-frame video equals the still image. Throws
+  // std::runtime_error naming `frames` when it is empty or the sizes differ,
+  // and whatever the still-image form throws.
+  Qwen2VLImageOutput preprocess_video(const std::vector<vemoproc::ImageView>& frames);
 
   // One image: optional smart_resize + resize_image (factor = patch_size *
   // merge_size, budgets narrowed to int by wrapping), value -> float,

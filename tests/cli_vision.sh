@@ -24,6 +24,33 @@ grep -q "black.pgm: grid (t, h, w) = (1, 6, 6), 36 patch rows" <<<"$out" || fail
   --min-pixels 0 --max-pixels 1000000 -o q8.npy >/dev/null || fail "qwen2vl options"
 [ "$(shape_of q8.npy)" = "'shape': (48, 192)" ] || fail "qwen2vl options shape: $(shape_of q8.npy)"
 
+# Standard input and pipes: encoded bytes on '-', or /dev/stdin as a path
+# (read once), give the file's result.
+"$exe" convnext - -o s.npy < rgb.ppm >/dev/null || fail "convnext from stdin"
+cmp -s s.npy c.npy || fail "convnext from stdin differs"
+cat rgb.ppm | "$exe" convnext /dev/stdin -o p.npy >/dev/null || fail "convnext from a pipe path"
+cmp -s p.npy c.npy || fail "convnext from a pipe path differs"
+# Raw frames: the PPM's own pixels as rgb, swapped as bgr, the PGM's as gray.
+tail -c $((64 * 48 * 3)) rgb.ppm > rgb.raw
+perl -0777 -pe 's/(.)(.)(.)/$3$2$1/gs' rgb.raw > bgr.raw
+"$exe" convnext rgb.raw --raw 64x48:rgb -o r.npy >/dev/null || fail "convnext --raw rgb"
+cmp -s r.npy c.npy || fail "convnext --raw rgb differs"
+"$exe" convnext - --raw 64x48:bgr -o b.npy < bgr.raw >/dev/null || fail "convnext --raw bgr"
+cmp -s b.npy c.npy || fail "convnext --raw bgr differs"
+tail -c 600 black.pgm | "$exe" zentil - --raw 30x20:gray --size 4 -o zg.npy >/dev/null ||
+  fail "zentil --raw gray"
+cmp -s zg.npy z.npy || fail "zentil --raw gray differs"
+# A 5 x 3 NV21 frame (15 luma bytes, 3 x 2 interleaved chroma pairs), enlarged
+# to the minimum budget: 420 x 420, 30 x 30 patches.
+head -c $((15 + 12)) /dev/urandom > f.nv21
+"$exe" qwen2vl f.nv21 --raw 5x3:nv21+full -o qv.npy >/dev/null || fail "qwen2vl --raw nv21"
+[ "$(shape_of qv.npy)" = "'shape': (900, 1176)" ] || fail "qwen2vl nv21 shape: $(shape_of qv.npy)"
+expect_error "frame is 27 bytes, got 26" qwen2vl - --raw 5x3:nv12 -o m.npy < <(head -c 26 f.nv21)
+expect_error "--raw expects" convnext rgb.raw --raw 64x48:yuv -o m.npy
+expect_error "--raw expects" convnext rgb.raw --raw 64x48:rgb+full -o m.npy
+expect_error "only once" qwen2vl - - -o m.npy < rgb.ppm
+expect_error "standard input: Failed to decode image bytes" zentil - -o m.npy < /dev/null
+
 # Bad input: one error line, exit status 1, no output file.
 expect_error "no such file: missing.png" convnext missing.png -o m.npy
 expect_error "crop_pct must be in (0, 1\]" convnext rgb.ppm --crop-pct 1.5 -o m.npy

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "../src/pixels/cpu.hpp"
 #include "stb_image.h"
 #include "test_images.hpp"
 
@@ -406,43 +407,50 @@ TEST(YuvToRgb, KnownColoursInBothRanges) {
 }
 
 TEST(YuvToRgb, LayoutsOddSizesAndStridesAgreeWithTheFormula) {
-  for (auto [w, h] : {std::array<int, 2>{5, 3}, {4, 4}, {1, 1}, {9, 2}}) {
-    const int cw = (w + 1) / 2;
-    const int ch = (h + 1) / 2;
-    const size_t ys = size_t(w) + 3;
-    std::vector<uint8_t> Y(ys * h, 0xEE), U(size_t(cw) * ch), V(size_t(cw) * ch);
-    for (int y = 0; y < h; ++y)
-      for (int x = 0; x < w; ++x) Y[y * ys + x] = uint8_t(x * 53 + y * 29);
-    for (size_t i = 0; i < U.size(); ++i) U[i] = uint8_t(i * 71 + 3), V[i] = uint8_t(i * 97 + 200);
-    // The same chroma interleaved both ways, in padded rows, and planar.
-    const size_t is = size_t(2 * cw) + 1;
-    std::vector<uint8_t> nv12(is * ch, 0xEE), nv21(is * ch, 0xEE);
-    for (int y = 0; y < ch; ++y)
-      for (int x = 0; x < cw; ++x) {
-        nv12[y * is + 2 * x] = nv21[y * is + 2 * x + 1] = U[y * cw + x];
-        nv12[y * is + 2 * x + 1] = nv21[y * is + 2 * x] = V[y * cw + x];
-      }
-    for (YuvRange r : {YuvRange::Video, YuvRange::Full}) {
-      std::vector<uint8_t> want;
+  // Wide rows reach the 16-pixel vector path (where the processor has it);
+  // the same frames run again with the wide paths switched off.
+  for (bool wide : {true, false}) {
+    vemoproc::detail::set_wide_paths_enabled(wide);
+    for (auto [w, h] : {std::array<int, 2>{5, 3}, {4, 4}, {1, 1}, {9, 2}, {37, 5}, {64, 3}}) {
+      const int cw = (w + 1) / 2;
+      const int ch = (h + 1) / 2;
+      const size_t ys = size_t(w) + 3;
+      std::vector<uint8_t> Y(ys * h, 0xEE), U(size_t(cw) * ch), V(size_t(cw) * ch);
       for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-          const size_t c = size_t(y / 2) * cw + x / 2;
-          const auto px = yuv_pixel(Y[y * ys + x], U[c], V[c], r);
-          want.insert(want.end(), px.begin(), px.end());
+        for (int x = 0; x < w; ++x) Y[y * ys + x] = uint8_t(x * 53 + y * 29);
+      for (size_t i = 0; i < U.size(); ++i)
+        U[i] = uint8_t(i * 71 + 3), V[i] = uint8_t(i * 97 + 200);
+      // The same chroma interleaved both ways, in padded rows, and planar.
+      const size_t is = size_t(2 * cw) + 1;
+      std::vector<uint8_t> nv12(is * ch, 0xEE), nv21(is * ch, 0xEE);
+      for (int y = 0; y < ch; ++y)
+        for (int x = 0; x < cw; ++x) {
+          nv12[y * is + 2 * x] = nv21[y * is + 2 * x + 1] = U[y * cw + x];
+          nv12[y * is + 2 * x + 1] = nv21[y * is + 2 * x] = V[y * cw + x];
         }
-      const YuvView frames[] = {
-          {Y.data(), ys, nv12.data(), is, nullptr, 0, w, h, YuvLayout::NV12, r},
-          {Y.data(), ys, nv21.data(), is, nullptr, 0, w, h, YuvLayout::NV21, r},
-          {Y.data(), ys, U.data(), 0, V.data(), 0, w, h, YuvLayout::I420, r}};
-      for (const YuvView& f : frames) {
-        EXPECT_EQ(vemoproc::to_rgb(f).rgb, want) << w << "x" << h << " layout " << int(f.layout);
-        // Rotated conversion equals the conversion turned afterwards.
-        const Image plain = vemoproc::to_rgb(f);
-        EXPECT_EQ(vemoproc::to_rgb(f, Rotation::Clockwise90).rgb,
-                  vemoproc::to_rgb(plain.view(), Rotation::Clockwise90).rgb);
+      for (YuvRange r : {YuvRange::Video, YuvRange::Full}) {
+        std::vector<uint8_t> want;
+        for (int y = 0; y < h; ++y)
+          for (int x = 0; x < w; ++x) {
+            const size_t c = size_t(y / 2) * cw + x / 2;
+            const auto px = yuv_pixel(Y[y * ys + x], U[c], V[c], r);
+            want.insert(want.end(), px.begin(), px.end());
+          }
+        const YuvView frames[] = {
+            {Y.data(), ys, nv12.data(), is, nullptr, 0, w, h, YuvLayout::NV12, r},
+            {Y.data(), ys, nv21.data(), is, nullptr, 0, w, h, YuvLayout::NV21, r},
+            {Y.data(), ys, U.data(), 0, V.data(), 0, w, h, YuvLayout::I420, r}};
+        for (const YuvView& f : frames) {
+          EXPECT_EQ(vemoproc::to_rgb(f).rgb, want) << w << "x" << h << " layout " << int(f.layout);
+          // Rotated conversion equals the conversion turned afterwards.
+          const Image plain = vemoproc::to_rgb(f);
+          EXPECT_EQ(vemoproc::to_rgb(f, Rotation::Clockwise90).rgb,
+                    vemoproc::to_rgb(plain.view(), Rotation::Clockwise90).rgb);
+        }
       }
     }
   }
+  vemoproc::detail::set_wide_paths_enabled(true);
 }
 
 TEST(YuvToRgb, BadFramesAreRefusedNamingThePlane) {

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cmath>
+#include <functional>
 #include <stdexcept>
 
 #include <xtensor/xadapt.hpp>
@@ -111,7 +113,15 @@ TEST(SmartResize, AspectLimitAndDegenerateArguments) {
   // Overflowing products and conversions have defined results (the sanitizer
   // build checks there is no undefined behaviour on the way).
   EXPECT_NO_THROW(smart_resize(INT_MAX, INT_MAX, 28, 3136, 1003520));
-  EXPECT_NO_THROW(smart_resize(INT_MIN, -1, -28, INT_MAX, INT_MIN));
+  EXPECT_THROW(smart_resize(INT_MIN, -1, -28, INT_MAX, INT_MIN), std::runtime_error);
+  // Where the rule would divide by zero it refuses, naming the argument,
+  // instead of returning (0, 0) or (INT_MAX, INT_MAX).
+  EXPECT_NE(message_of([] { smart_resize(100, 100, 28, 3136, 0); }).find("max_pixels"),
+            std::string::npos);
+  EXPECT_NE(message_of([] { smart_resize(100, 100, 28, 3136, -5); }).find("max_pixels"),
+            std::string::npos);
+  EXPECT_NE(message_of([] { smart_resize(0, 0, 28, 3136, 1003520); }).find("height and width"),
+            std::string::npos);
   EXPECT_NO_THROW(smart_resize(46341, 46341, 1, INT_MAX, INT_MAX));
 }
 
@@ -280,6 +290,65 @@ TEST(ResizeImage, TargetsOverThePixelBudgetAreRefused) {
             "Failed to resize image");
   EXPECT_EQ(qwen2vl::resize_image(make_image(4, 4, 0), 40, 25).shape(0), 40u);
   vemoproc::set_max_image_pixels(saved);
+}
+
+vemoproc::ImageView view_of(const Image& img) {
+  return {img.data(), int(img.shape(1)), int(img.shape(0)), 0, vemoproc::PixelFormat::RGB};
+}
+
+TEST(Qwen2VLVideo, FramesFillTheTemporalAxisInGroups) {
+  const Image a = make_image(56, 84, 1), b = make_image(56, 84, 2), c = make_image(56, 84, 3);
+  // A one-frame video is the still image, with and without resizing.
+  for (bool resize : {false, true}) {
+    auto p = processor(resize, true, true);
+    expect_same(p.preprocess_video({view_of(a)}), p._preprocess_single_image(a));
+  }
+  // Raw values: within each channel of a row, 196 values of the group's
+  // first frame, then 196 of its second. Three frames pad to (a, b), (c, c).
+  auto p = processor(false, false, false);
+  const auto video = p.preprocess_video({view_of(a), view_of(b), view_of(c)});
+  const auto sa = p._preprocess_single_image(a), sb = p._preprocess_single_image(b);
+  const auto sc = p._preprocess_single_image(c);
+  const size_t rows = sa.patches.shape(0);
+  ASSERT_EQ(video.patches.shape(0), 2 * rows);
+  EXPECT_EQ(video.grid_thw, (xt::xarray<size_t>{{2, 4, 6}}));
+  for (size_t r = 0; r < rows; ++r)
+    for (size_t ch = 0; ch < 3; ++ch)
+      for (size_t i = 0; i < 196; ++i) {
+        const size_t at = ch * 392 + i;
+        ASSERT_EQ(video.patches(r, at), sa.patches(r, at));
+        ASSERT_EQ(video.patches(r, at + 196), sb.patches(r, at));
+        ASSERT_EQ(video.patches(rows + r, at), sc.patches(r, at));
+        ASSERT_EQ(video.patches(rows + r, at + 196), sc.patches(r, at));
+      }
+  EXPECT_EQ(message_of([&] {
+              p.preprocess_video({view_of(a), view_of(make_image(28, 28, 0))});
+            }),
+            "preprocess_video: frames must all have the same size");
+  EXPECT_THROW(p.preprocess_video({}), std::runtime_error);
+}
+
+TEST(Qwen2VLVideo, FrameIndicesAreEvenlySpacedWholeGroups) {
+  using qwen2vl::sample_frame_indices;
+  // 10 s at 30 fps sampled at 2 fps: 20 frames, every 15th.
+  const std::vector<int> twenty = sample_frame_indices(300, 30.0f, 2.0f, 4, 768, 2);
+  ASSERT_EQ(twenty.size(), 20u);
+  EXPECT_EQ(twenty[1], 15);
+  EXPECT_EQ(twenty.back(), 285);
+  // Clamped to max_frames, floored to whole groups: 1000 -> 768 -> 768.
+  EXPECT_EQ(sample_frame_indices(1000, 1.0f, 1.0f, 4, 768, 2).size(), 768u);
+  EXPECT_EQ(sample_frame_indices(1000, 1.0f, 1.0f, 4, 767, 2).size(), 766u);
+  // Raised to min_frames but never past the video; at least one group.
+  EXPECT_EQ(sample_frame_indices(50, 25.0f, 1.0f, 7, 100, 3),
+            (std::vector<int>{0, 8, 16, 25, 33, 41}));
+  EXPECT_EQ(sample_frame_indices(1, 30.0f, 2.0f, 4, 768, 2), (std::vector<int>{0, 0}));
+  for (auto bad : {std::function<void()>([] { sample_frame_indices(0, 30, 2, 4, 8, 2); }),
+                   std::function<void()>([] { sample_frame_indices(9, 0, 2, 4, 8, 2); }),
+                   std::function<void()>([] { sample_frame_indices(9, 30, NAN, 4, 8, 2); }),
+                   std::function<void()>([] { sample_frame_indices(9, 30, 2, 4, 8, 0); }),
+                   std::function<void()>([] { sample_frame_indices(9, 30, 2, 9, 8, 2); })}) {
+    EXPECT_THROW(bad(), std::runtime_error);
+  }
 }
 
 }  // namespace

@@ -136,6 +136,30 @@ TEST(RawImageLoad, ImagesOverTheBuildsSizeCapAreRefused) {
   EXPECT_EQ(error_of([&] { yolo::RawImage im(over); }), "stbi_load failed for: " + over);
 }
 
+// Views: a file's pixels in any format, rows padded or not, give the file's
+// RawImage; images over the pixel budget are refused with the usual message.
+TEST(RawImageLoad, ViewsAndThePixelBudget) {
+  const std::string path =
+      testimg::write(testimg::make(9, 4, 3, [](int x, int y, int c) { return x * 20 + y * 3 + c; }),
+                     Format::Png, "view.png");
+  const yolo::RawImage file(path);
+  const vemoproc::Image decoded = testimg::decode(path);
+  for (auto format : {vemoproc::PixelFormat::RGB, vemoproc::PixelFormat::BGRA}) {
+    const yolo::RawImage im(testimg::lay_out(decoded, format, 2).view);
+    EXPECT_EQ(im.data, file.data);
+    EXPECT_EQ(im.channels, 3);
+  }
+  EXPECT_THAT(
+      [] {
+        yolo::RawImage im(vemoproc::ImageView{nullptr, 1, 1, 0, vemoproc::PixelFormat::RGB});
+      },
+      testing::ThrowsMessage<std::runtime_error>(HasSubstr("image.data")));
+  const uint64_t saved = vemoproc::max_image_pixels();
+  vemoproc::set_max_image_pixels(35);
+  EXPECT_EQ(error_of([&] { yolo::RawImage im(path); }), "stbi_load failed for: " + path);
+  vemoproc::set_max_image_pixels(saved);
+}
+
 // --- Letterbox -----------------------------------------------------------------
 
 TEST(Letterbox, SameWidthPadsTopAndBottom) {

@@ -1,6 +1,7 @@
 // vemoproc convnext | zentil | qwen2vl: vision-model inputs from image files,
 // written as .npy.
 #include "cli_common.hpp"
+#include "cli_images.hpp"
 
 #include <iostream>
 #include <memory>
@@ -13,8 +14,22 @@
 
 namespace {
 
+constexpr const char* kImageHelp =
+    "Image file (any format stb_image reads), or - for an encoded image on standard input";
+
+// A family's result on one image argument: path arguments go through the
+// path entry point (its own messages), standard input and raw frames through
+// the view entry point.
+template <class Pre>
+xt::xarray<float> process_arg(Pre& pre, const std::string& image, const std::string& raw) {
+  if (cli::needs_reading(image, raw)) return pre.process(cli::read_image(image, raw).view());
+  cli::require_file(image);
+  return pre.process(image);
+}
+
 struct ConvNextArgs {
   std::string image;
+  std::string raw;
   int size = 224;
   float crop_pct = 0.875f;
   std::string output;
@@ -22,6 +37,7 @@ struct ConvNextArgs {
 
 struct ZentilArgs {
   std::string image;
+  std::string raw;
   int size = 224;
   std::string output;
 };
@@ -29,6 +45,7 @@ struct ZentilArgs {
 // Published Qwen2-VL budget: 56 * 56 to 28 * 28 * 1280 pixels.
 struct Qwen2VLArgs {
   std::vector<std::string> images;
+  std::string raw;
   long long min_pixels = 56 * 56;
   long long max_pixels = 28 * 28 * 1280;
   size_t patch_size = 14;
@@ -41,14 +58,14 @@ void add_convnext(CLI::App& app) {
   auto args = std::make_shared<ConvNextArgs>();
   CLI::App* cmd = app.add_subcommand(
       "convnext", "ConvNeXt input: shortest-edge resize, centre crop, normalise -> [3, S, S]");
-  cmd->add_option("image", args->image, "Image file (any format stb_image reads)")->required();
+  cmd->add_option("image", args->image, kImageHelp)->required();
+  cmd->add_option("--raw", args->raw, cli::kRawHelp);
   cmd->add_option("--size", args->size, "Side of the square crop")->capture_default_str();
   cmd->add_option("--crop-pct", args->crop_pct, "Crop fraction in (0, 1]")->capture_default_str();
   cmd->add_option("-o,--output", args->output, "Output .npy file")->required();
   cmd->callback([args] {
-    cli::require_file(args->image);
     convnext::ConvNextPreprocessor pre(args->size, args->crop_pct);
-    cli::write_npy(args->output, pre.process(args->image));
+    cli::write_npy(args->output, process_arg(pre, args->image, args->raw));
     std::cout << args->output << ": [3, " << args->size << ", " << args->size << "]\n";
   });
 }
@@ -57,13 +74,13 @@ void add_zentil(CLI::App& app) {
   auto args = std::make_shared<ZentilArgs>();
   CLI::App* cmd = app.add_subcommand(
       "zentil", "Zentil input: stretch to a square, normalise to [-1, 1] -> [1, 3, S, S]");
-  cmd->add_option("image", args->image, "Image file (any format stb_image reads)")->required();
+  cmd->add_option("image", args->image, kImageHelp)->required();
+  cmd->add_option("--raw", args->raw, cli::kRawHelp);
   cmd->add_option("--size", args->size, "Side of the square output")->capture_default_str();
   cmd->add_option("-o,--output", args->output, "Output .npy file")->required();
   cmd->callback([args] {
-    cli::require_file(args->image);
     zentil::ZentilPreprocessor pre(args->size);
-    cli::write_npy(args->output, pre.process(args->image));
+    cli::write_npy(args->output, process_arg(pre, args->image, args->raw));
     std::cout << args->output << ": [1, 3, " << args->size << ", " << args->size << "]\n";
   });
 }
@@ -73,7 +90,10 @@ void add_qwen2vl(CLI::App& app) {
   CLI::App* cmd = app.add_subcommand(
       "qwen2vl",
       "Qwen2-VL input: patch-aligned resize, default statistics, merge-ordered patch rows");
-  cmd->add_option("images", args->images, "Image files, stacked in this order")->required();
+  cmd->add_option("images", args->images,
+                  "Image files, stacked in this order (- for an encoded image on standard input)")
+      ->required();
+  cmd->add_option("--raw", args->raw, cli::kRawHelp);
   cmd->add_option("--min-pixels", args->min_pixels, "Lower pixel budget")->capture_default_str();
   cmd->add_option("--max-pixels", args->max_pixels, "Upper pixel budget")->capture_default_str();
   cmd->add_option("--patch-size", args->patch_size, "Patch side in pixels")
@@ -87,16 +107,28 @@ void add_qwen2vl(CLI::App& app) {
       ->capture_default_str();
   cmd->add_option("-o,--output", args->output, "Output .npy file of patch rows")->required();
   cmd->callback([args] {
-    std::vector<xt::xtensor<uint8_t, 3>> decoded;
+    // Paths through the family's loader (its messages), standard input and
+    // raw frames through the shared reader; all handed over as views.
+    cli::check_stdin_once(args->images);
+    std::vector<vemoproc::Image> decoded;
+    decoded.reserve(args->images.size());
+    std::vector<vemoproc::ImageView> views;
     for (const std::string& path : args->images) {
-      cli::require_file(path);
-      decoded.push_back(qwen2vl::Qwen2VLImageProcessor::load_image(path));
+      if (cli::needs_reading(path, args->raw)) {
+        decoded.push_back(cli::read_image(path, args->raw));
+      } else {
+        cli::require_file(path);
+        const auto image = qwen2vl::Qwen2VLImageProcessor::load_image(path);
+        decoded.push_back({static_cast<int>(image.shape(1)), static_cast<int>(image.shape(0)),
+                           std::vector<uint8_t>(image.begin(), image.end())});
+      }
+      views.push_back(decoded.back().view());
     }
     qwen2vl::Qwen2VLImageProcessor proc(true, args->min_pixels, args->max_pixels, true,
                                         1.0f / 255.0f, true, qwen2vl::kDefaultImageMean,
                                         qwen2vl::kDefaultImageStd, args->patch_size,
                                         args->temporal_patch_size, args->merge_size);
-    const qwen2vl::Qwen2VLImageOutput out = proc.preprocess(decoded);
+    const qwen2vl::Qwen2VLImageOutput out = proc.preprocess(views);
     cli::write_npy(args->output, out.patches);
     for (size_t i = 0; i < args->images.size(); ++i) {
       const size_t t = out.grid_thw(i, 0), h = out.grid_thw(i, 1), w = out.grid_thw(i, 2);

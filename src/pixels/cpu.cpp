@@ -3,13 +3,24 @@
 
 #include <atomic>
 
+#if defined(__x86_64__) || defined(__i386__)
+#include <cpuid.h>
+#endif
+
 namespace vemoproc::detail {
 
 namespace {
 
 bool processor_has_avx2() {
 #if defined(__x86_64__) || defined(__i386__)
-  static const bool has = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("f16c");
+  // AVX2 as the compiler's runtime sees it (processor and operating system),
+  // F16C straight from CPUID leaf 1 (ECX bit 29): not every compiler's
+  // feature query knows its name.
+  static const bool has = [] {
+    unsigned a = 0, b = 0, c = 0, d = 0;
+    return __builtin_cpu_supports("avx2") && __get_cpuid(1, &a, &b, &c, &d) != 0 &&
+           (c & (1u << 29)) != 0;
+  }();
   return has;
 #else
   return false;

@@ -11,6 +11,10 @@
 #include <stdexcept>
 #include <string>
 
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#endif
+
 #include <stb_image.h>
 #include <stb_image_resize2.h>
 
@@ -265,10 +269,96 @@ void yuv_row_portable(const uint8_t* yrow, const uint8_t* urow, const uint8_t* v
 }
 
 #if defined(__x86_64__) || defined(__i386__)
+// Byte shuffles that interleave 16 R, 16 G and 16 B bytes into 48 RGB bytes:
+// kInterleave[k][ch] picks channel ch's bytes of output block k (-1: none).
+struct InterleaveMasks {
+  alignas(16) int8_t m[3][3][16];
+  InterleaveMasks() {
+    for (int k = 0; k < 3; ++k)
+      for (int ch = 0; ch < 3; ++ch)
+        for (int j = 0; j < 16; ++j) {
+          const int p = 16 * k + j;
+          m[k][ch][j] = static_cast<int8_t>(p % 3 == ch ? p / 3 : -1);
+        }
+  }
+};
+const InterleaveMasks kInterleave;
+
+// Eight 32-bit lanes of (luma + term) >> 20 for pixels 0-7 and 8-15, packed
+// with saturation to 16 bytes in pixel order: exactly sat() of each lane.
+__attribute__((target("avx2"))) inline __m128i pack_channel(__m256i l0, __m256i l1, __m256i t0,
+                                                            __m256i t1) {
+  const __m256i a = _mm256_srai_epi32(_mm256_add_epi32(l0, t0), 20);
+  const __m256i b = _mm256_srai_epi32(_mm256_add_epi32(l1, t1), 20);
+  const __m256i w = _mm256_permute4x64_epi64(_mm256_packs_epi32(a, b), 0xD8);
+  return _mm_packus_epi16(_mm256_castsi256_si128(w), _mm256_extracti128_si256(w, 1));
+}
+
+// max(Y - offset, 0) * scale + 1/2 for the low eight bytes of y8.
+__attribute__((target("avx2"))) inline __m256i luma_terms(__m128i y8, __m256i offset, __m256i scale,
+                                                          __m256i half) {
+  const __m256i y =
+      _mm256_max_epi32(_mm256_sub_epi32(_mm256_cvtepu8_epi32(y8), offset), _mm256_setzero_si256());
+  return _mm256_add_epi32(_mm256_mullo_epi32(y, scale), half);
+}
+
+// Sixteen pixels a step from the same integer arithmetic as the portable
+// row; the tail (fewer than 16 pixels) goes through the portable row.
 __attribute__((target("avx2"))) void yuv_row_avx2(const uint8_t* yrow, const uint8_t* urow,
                                                   const uint8_t* vrow, size_t step, size_t w,
                                                   const YuvCoefficients& k, uint8_t* dst) {
-  yuv_row_body(yrow, urow, vrow, step, w, k, dst);
+  const __m256i offset = _mm256_set1_epi32(k.y_offset);
+  const __m256i scale = _mm256_set1_epi32(k.y_scale);
+  const __m256i half = _mm256_set1_epi32(524288);
+  const __m256i c128 = _mm256_set1_epi32(128);
+  const __m256i rv = _mm256_set1_epi32(k.rv), gv = _mm256_set1_epi32(k.gv);
+  const __m256i gu = _mm256_set1_epi32(k.gu), bu = _mm256_set1_epi32(k.bu);
+  const __m256i lo_pairs = _mm256_setr_epi32(0, 0, 1, 1, 2, 2, 3, 3);
+  const __m256i hi_pairs = _mm256_setr_epi32(4, 4, 5, 5, 6, 6, 7, 7);
+  const __m128i evens = _mm_setr_epi8(0, 2, 4, 6, 8, 10, 12, 14, -1, -1, -1, -1, -1, -1, -1, -1);
+  const __m128i odds = _mm_setr_epi8(1, 3, 5, 7, 9, 11, 13, 15, -1, -1, -1, -1, -1, -1, -1, -1);
+  // Interleaved chroma is loaded from the pair's first byte, never past its row.
+  const uint8_t* pairs = std::min(urow, vrow);
+  const bool u_first = urow < vrow;
+  const auto mask = [](int blk, int ch) {
+    return _mm_load_si128(reinterpret_cast<const __m128i*>(kInterleave.m[blk][ch]));
+  };
+  size_t x = 0;
+  for (; x + 16 <= w; x += 16, dst += 48) {
+    __m128i u8, v8;
+    if (step == 2) {
+      const __m128i uv = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pairs + x));
+      u8 = _mm_shuffle_epi8(uv, u_first ? evens : odds);
+      v8 = _mm_shuffle_epi8(uv, u_first ? odds : evens);
+    } else {
+      u8 = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(urow + x / 2));
+      v8 = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(vrow + x / 2));
+    }
+    const __m256i u = _mm256_sub_epi32(_mm256_cvtepu8_epi32(u8), c128);
+    const __m256i v = _mm256_sub_epi32(_mm256_cvtepu8_epi32(v8), c128);
+    const __m256i rt = _mm256_mullo_epi32(rv, v);
+    const __m256i gt = _mm256_add_epi32(_mm256_mullo_epi32(gv, v), _mm256_mullo_epi32(gu, u));
+    const __m256i bt = _mm256_mullo_epi32(bu, u);
+    const __m128i y16 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(yrow + x));
+    const __m256i l0 = luma_terms(y16, offset, scale, half);
+    const __m256i l1 = luma_terms(_mm_srli_si128(y16, 8), offset, scale, half);
+    // Each chroma term serves two neighbouring pixels.
+    const __m128i r = pack_channel(l0, l1, _mm256_permutevar8x32_epi32(rt, lo_pairs),
+                                   _mm256_permutevar8x32_epi32(rt, hi_pairs));
+    const __m128i g = pack_channel(l0, l1, _mm256_permutevar8x32_epi32(gt, lo_pairs),
+                                   _mm256_permutevar8x32_epi32(gt, hi_pairs));
+    const __m128i b = pack_channel(l0, l1, _mm256_permutevar8x32_epi32(bt, lo_pairs),
+                                   _mm256_permutevar8x32_epi32(bt, hi_pairs));
+    for (int blk = 0; blk < 3; ++blk) {
+      const __m128i out = _mm_or_si128(
+          _mm_or_si128(_mm_shuffle_epi8(r, mask(blk, 0)), _mm_shuffle_epi8(g, mask(blk, 1))),
+          _mm_shuffle_epi8(b, mask(blk, 2)));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 16 * blk), out);
+    }
+  }
+  if (x < w) {
+    yuv_row_portable(yrow + x, urow + (x / 2) * step, vrow + (x / 2) * step, step, w - x, k, dst);
+  }
 }
 #endif
 

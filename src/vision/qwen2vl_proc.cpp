@@ -86,6 +86,11 @@ Pixels pixels_of(const xt::xtensor<uint8_t, 3>& image) {
           image.shape(1) * image.shape(2)};
 }
 
+Pixels pixels_of(const vemoproc::detail::RgbSource& rgb) {
+  return {rgb.data(), static_cast<size_t>(rgb.height()), static_cast<size_t>(rgb.width()), 3,
+          rgb.stride()};
+}
+
 // What a resize may be asked for: the resampler reads height * width * 3
 // bytes and works with int sizes.
 void check_resize_arguments(const Pixels& image, int new_height, int new_width) {
@@ -159,6 +164,8 @@ std::pair<int, int> smart_resize(int height, int width, int factor, int min_pixe
   const int pixels = wrapping_mul(h_bar, w_bar);
   const float area = static_cast<float>(wrapping_mul(height, width));
   if (pixels > max_pixels) {
+    // beta divides by max_pixels: a budget of zero or less has no size.
+    if (max_pixels <= 0) throw std::runtime_error("smart_resize: max_pixels must be positive");
     // The rounded sides (not the input ones) are scaled down, truncated, then
     // floored to a multiple of factor; no lower clamp here.
     const float beta = std::sqrt(area / static_cast<float>(max_pixels));
@@ -169,6 +176,11 @@ std::pair<int, int> smart_resize(int height, int width, int factor, int min_pixe
     h_bar = shrink(h_bar);
     w_bar = shrink(w_bar);
   } else if (pixels < min_pixels) {
+    // beta divides by the input area: an empty image has no scale.
+    if (area == 0.0f) {
+      throw std::runtime_error(
+          "smart_resize: height and width must be positive to reach min_pixels");
+    }
     const float beta = std::sqrt(static_cast<float>(min_pixels) / area);
     const auto grow = [&](int side) {
       const float scaled = static_cast<float>(saturating_int(static_cast<float>(side) * beta));
@@ -294,18 +306,22 @@ ValueTable value_table(const Qwen2VLImageProcessor& p) {
 // Writes one image's rows: blocks of merge_size x merge_size patches in
 // row-major order over the image, patches row-major inside a block; within a
 // row channel, frame, pixel row, pixel column. Returns the end of the rows.
-float* write_patch_rows(const Qwen2VLImageProcessor& p, const ValueTable& table, const uint8_t* rgb,
-                        size_t stride, const ImagePlan& plan, float* out) {
+float* write_patch_rows(const Qwen2VLImageProcessor& p, const ValueTable& table,
+                        const uint8_t* const* frames, size_t stride, const ImagePlan& plan,
+                        float* out) {
   const size_t ps = p.patch_size;
   const size_t m = p.merge_size;
-  const size_t frames = p.temporal_patch_size;
+  const size_t depth = p.temporal_patch_size;
   const size_t plane = ps * ps;
   for (size_t bh = 0; bh < plan.grid_h / m; ++bh) {
     // Read the block row's pixels in address order first: the patch walk
     // below jumps between image rows, which hardware prefetch does not follow.
-    const uint8_t* strip = rgb + bh * m * ps * stride;
-    const size_t strip_bytes = m * ps * stride;
-    for (size_t off = 0; off < strip_bytes; off += 64) __builtin_prefetch(strip + off);
+    for (size_t t = 0; t < depth; ++t) {
+      if (t > 0 && frames[t] == frames[t - 1]) continue;
+      const uint8_t* strip = frames[t] + bh * m * ps * stride;
+      const size_t strip_bytes = m * ps * stride;
+      for (size_t off = 0; off < strip_bytes; off += 64) __builtin_prefetch(strip + off);
+    }
     for (size_t bw = 0; bw < plan.grid_w / m; ++bw) {
       for (size_t mi = 0; mi < m; ++mi) {
         for (size_t mj = 0; mj < m; ++mj) {
@@ -313,14 +329,18 @@ float* write_patch_rows(const Qwen2VLImageProcessor& p, const ValueTable& table,
           const size_t x0 = (bw * m + mj) * ps;
           for (size_t c = 0; c < 3; ++c) {
             const float* values = table[c].data();
-            float* frame0 = out;
-            for (size_t py = 0; py < ps; ++py) {
-              const uint8_t* src = rgb + (y0 + py) * stride + x0 * 3 + c;
-              for (size_t px = 0; px < ps; ++px) *out++ = values[src[3 * px]];
-            }
-            // The still image repeated over the temporal depth.
-            for (size_t t = 1; t < frames; ++t, out += plane) {
-              std::memcpy(out, frame0, plane * sizeof(float));
+            for (size_t t = 0; t < depth; ++t, out += plane) {
+              // A repeated frame (a still image, or a video's padding) is
+              // the previous plane again.
+              if (t > 0 && frames[t] == frames[t - 1]) {
+                std::memcpy(out, out - plane, plane * sizeof(float));
+                continue;
+              }
+              float* dst = out;
+              for (size_t py = 0; py < ps; ++py) {
+                const uint8_t* src = frames[t] + (y0 + py) * stride + x0 * 3 + c;
+                for (size_t px = 0; px < ps; ++px) *dst++ = values[src[3 * px]];
+              }
             }
           }
         }
@@ -353,13 +373,16 @@ Qwen2VLImageOutput process_images(const Qwen2VLImageProcessor& p,
   float* out = result.patches.data();
   for (size_t i = 0; i < count; ++i) {
     const ImagePlan& plan = plans[i];
+    xt::xtensor<uint8_t, 3> resized;
     if (plan.resize) {
-      const xt::xtensor<uint8_t, 3> resized =
+      resized =
           resize_pixels(images[i], static_cast<int>(plan.height), static_cast<int>(plan.width));
-      out = write_patch_rows(p, table, resized.data(), plan.width * 3, plan, out);
-    } else {
-      out = write_patch_rows(p, table, images[i].data, images[i].stride, plan, out);
     }
+    // The still image repeated over the temporal depth.
+    const std::vector<const uint8_t*> frames(p.temporal_patch_size,
+                                             plan.resize ? resized.data() : images[i].data);
+    out = write_patch_rows(p, table, frames.data(), plan.resize ? plan.width * 3 : images[i].stride,
+                           plan, out);
     // grid_t: the tiled depth divided by temporal_patch_size, always 1.
     result.grid_thw(i, 0) = 1;
     result.grid_thw(i, 1) = plan.grid_h;
@@ -368,7 +391,74 @@ Qwen2VLImageOutput process_images(const Qwen2VLImageProcessor& p,
   return result;
 }
 
+// One video: every frame planned like a still image of its size (all frames
+// share one size), resized the same way, the count padded with the last frame
+// to whole temporal groups; rows run over the groups, then the blocks.
+Qwen2VLImageOutput process_video(const Qwen2VLImageProcessor& p,
+                                 const std::vector<Pixels>& frames) {
+  check_arguments(p);
+  if (frames.empty()) throw std::runtime_error("preprocess_video: frames must not be empty");
+  for (const Pixels& f : frames) {
+    if (f.height != frames[0].height || f.width != frames[0].width) {
+      throw std::runtime_error("preprocess_video: frames must all have the same size");
+    }
+  }
+  const ImagePlan plan = plan_image(p, frames[0]);
+  const size_t depth = p.temporal_patch_size;
+  const size_t groups = checked_add(frames.size(), depth - 1) / depth;
+  const size_t rows = checked_mul(groups, checked_mul(plan.grid_h, plan.grid_w));
+  const size_t row_len = row_length(p);
+  checked_mul(rows, row_len);
+
+  std::vector<xt::xtensor<uint8_t, 3>> resized(plan.resize ? frames.size() : 0);
+  std::vector<const uint8_t*> pixels(groups * depth);
+  for (size_t i = 0; i < pixels.size(); ++i) {
+    const size_t f = std::min(i, frames.size() - 1);  // padding repeats the last frame
+    if (plan.resize && resized[f].size() == 0) {
+      resized[f] =
+          resize_pixels(frames[f], static_cast<int>(plan.height), static_cast<int>(plan.width));
+    }
+    pixels[i] = plan.resize ? resized[f].data() : frames[f].data;
+  }
+  const size_t stride = plan.resize ? plan.width * 3 : frames[0].stride;
+
+  Qwen2VLImageOutput result;
+  result.patches = xt::xarray<float>::from_shape({rows, row_len});
+  const ValueTable table = value_table(p);
+  float* out = result.patches.data();
+  for (size_t g = 0; g < groups; ++g) {
+    out = write_patch_rows(p, table, pixels.data() + g * depth, stride, plan, out);
+  }
+  result.grid_thw = xt::xarray<size_t>{{groups, plan.grid_h, plan.grid_w}};
+  return result;
+}
+
 }  // namespace
+
+std::vector<int> sample_frame_indices(int total_frames, float video_fps, float target_fps,
+                                      int min_frames, int max_frames, int temporal_patch_size) {
+  if (total_frames < 1)
+    throw std::runtime_error("sample_frame_indices: total_frames must be positive");
+  if (!(video_fps > 0.0f) || !(target_fps > 0.0f)) {
+    throw std::runtime_error("sample_frame_indices: video_fps and target_fps must be positive");
+  }
+  if (temporal_patch_size < 1) {
+    throw std::runtime_error("sample_frame_indices: temporal_patch_size must be positive");
+  }
+  if (min_frames > max_frames) {
+    throw std::runtime_error("sample_frame_indices: min_frames must not exceed max_frames");
+  }
+  const float wanted = static_cast<float>(total_frames) / video_fps * target_fps;
+  int n = saturating_int(wanted);
+  n = std::min(std::max(n, min_frames), std::min(max_frames, total_frames));
+  // Whole temporal groups, at least one.
+  n = std::max(n / temporal_patch_size * temporal_patch_size, temporal_patch_size);
+  std::vector<int> indices(static_cast<size_t>(n));
+  for (int i = 0; i < n; ++i) {
+    indices[static_cast<size_t>(i)] = static_cast<int>(int64_t{i} * total_frames / n);
+  }
+  return indices;
+}
 
 // ---------------------------------------------------------------------------
 // Processor
@@ -415,11 +505,22 @@ Qwen2VLImageOutput Qwen2VLImageProcessor::preprocess(
   std::vector<Pixels> pixels;
   pixels.reserve(images.size());
   for (const vemoproc::ImageView& view : images) {
-    const vemoproc::detail::RgbSource& rgb = sources.emplace_back(view);
-    pixels.push_back({rgb.data(), static_cast<size_t>(rgb.height()),
-                      static_cast<size_t>(rgb.width()), 3, rgb.stride()});
+    pixels.push_back(pixels_of(sources.emplace_back(view)));
   }
   return process_images(*this, pixels);
+}
+
+Qwen2VLImageOutput Qwen2VLImageProcessor::preprocess_video(
+    const std::vector<vemoproc::ImageView>& frames) {
+  std::vector<vemoproc::detail::RgbSource> sources;
+  sources.reserve(frames.size());
+  std::vector<Pixels> pixels;
+  pixels.reserve(frames.size());
+  for (const vemoproc::ImageView& view : frames) {
+    const vemoproc::detail::RgbSource& rgb = sources.emplace_back(view);
+    pixels.push_back(pixels_of(rgb));
+  }
+  return process_video(*this, pixels);
 }
 
 Qwen2VLImageOutput Qwen2VLImageProcessor::_preprocess_single_image(

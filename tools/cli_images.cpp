@@ -1,0 +1,136 @@
+#include "cli_images.hpp"
+
+#include <charconv>
+#include <cstdio>
+#include <stdexcept>
+
+namespace cli {
+
+namespace {
+
+std::vector<uint8_t> read_all(std::FILE* f) {
+  std::vector<uint8_t> bytes;
+  uint8_t chunk[1 << 16];
+  for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, f)) > 0;) {
+    bytes.insert(bytes.end(), chunk, chunk + n);
+  }
+  return bytes;
+}
+
+std::vector<uint8_t> read_source(const std::string& arg) {
+  if (arg == "-") {
+    std::vector<uint8_t> bytes = read_all(stdin);
+    if (std::ferror(stdin)) throw std::runtime_error("cannot read standard input");
+    return bytes;
+  }
+  std::FILE* f = std::fopen(arg.c_str(), "rb");
+  if (f == nullptr) throw std::runtime_error("no such file: " + arg);
+  std::vector<uint8_t> bytes = read_all(f);
+  const bool failed = std::ferror(f) != 0;
+  std::fclose(f);
+  if (failed) throw std::runtime_error("cannot read " + arg);
+  return bytes;
+}
+
+struct RawSpec {
+  int width = 0;
+  int height = 0;
+  bool yuv = false;
+  vemoproc::PixelFormat format = vemoproc::PixelFormat::RGB;
+  vemoproc::YuvLayout layout = vemoproc::YuvLayout::NV12;
+  vemoproc::YuvRange range = vemoproc::YuvRange::Video;
+};
+
+RawSpec parse_raw(const std::string& text) {
+  const auto bad = [&] {
+    return std::runtime_error(
+        "--raw expects WIDTHxHEIGHT:FORMAT (rgb, bgr, rgba, bgra, gray, "
+        "nv12, nv21, i420, YUV with optional +full), got '" +
+        text + "'");
+  };
+  const size_t colon = text.find(':');
+  const size_t x = text.find_first_of("xX");
+  if (colon == std::string::npos || x == std::string::npos || x > colon) throw bad();
+  RawSpec spec;
+  const char* s = text.data();
+  const auto w = std::from_chars(s, s + x, spec.width);
+  const auto h = std::from_chars(s + x + 1, s + colon, spec.height);
+  if (w.ec != std::errc() || w.ptr != s + x || h.ec != std::errc() || h.ptr != s + colon ||
+      spec.width <= 0 || spec.height <= 0) {
+    throw bad();
+  }
+  std::string format = text.substr(colon + 1);
+  const std::string full = "+full";
+  const bool is_full = format.size() > full.size() &&
+                       format.compare(format.size() - full.size(), full.size(), full) == 0;
+  if (is_full) format.resize(format.size() - full.size());
+  using vemoproc::PixelFormat;
+  using vemoproc::YuvLayout;
+  if (format == "nv12" || format == "nv21" || format == "i420") {
+    spec.yuv = true;
+    spec.layout = format == "nv12"   ? YuvLayout::NV12
+                  : format == "nv21" ? YuvLayout::NV21
+                                     : YuvLayout::I420;
+    spec.range = is_full ? vemoproc::YuvRange::Full : vemoproc::YuvRange::Video;
+    return spec;
+  }
+  if (is_full) throw bad();
+  if (format == "rgb")
+    spec.format = PixelFormat::RGB;
+  else if (format == "bgr")
+    spec.format = PixelFormat::BGR;
+  else if (format == "rgba")
+    spec.format = PixelFormat::RGBA;
+  else if (format == "bgra")
+    spec.format = PixelFormat::BGRA;
+  else if (format == "gray")
+    spec.format = PixelFormat::GRAY;
+  else
+    throw bad();
+  return spec;
+}
+
+}  // namespace
+
+vemoproc::Image read_image(const std::string& arg, const std::string& raw) {
+  const std::string name = arg == "-" ? "standard input" : arg;
+  if (raw.empty()) {
+    const std::vector<uint8_t> bytes = read_source(arg);
+    try {
+      return vemoproc::decode_image(bytes.data(), bytes.size());
+    } catch (const std::runtime_error& e) {
+      throw std::runtime_error(name + ": " + e.what());
+    }
+  }
+  const RawSpec spec = parse_raw(raw);
+  const std::vector<uint8_t> bytes = read_source(arg);
+  const size_t w = static_cast<size_t>(spec.width);
+  const size_t h = static_cast<size_t>(spec.height);
+  const size_t cw = (w + 1) / 2;
+  const size_t ch = (h + 1) / 2;
+  const size_t expected =
+      spec.yuv ? w * h + 2 * cw * ch : w * h * vemoproc::channels_of(spec.format);
+  if (bytes.size() != expected) {
+    throw std::runtime_error(name + ": a " + raw + " frame is " + std::to_string(expected) +
+                             " bytes, got " + std::to_string(bytes.size()));
+  }
+  if (!spec.yuv) {
+    return vemoproc::to_rgb(
+        vemoproc::ImageView{bytes.data(), spec.width, spec.height, 0, spec.format});
+  }
+  // Planes one after another: Y, then the interleaved chroma (NV12/NV21) or U then V (I420).
+  const uint8_t* y = bytes.data();
+  const uint8_t* u = y + w * h;
+  const bool planar = spec.layout == vemoproc::YuvLayout::I420;
+  const uint8_t* v = planar ? u + cw * ch : nullptr;
+  return vemoproc::to_rgb(vemoproc::YuvView{y, w, u, planar ? cw : 2 * cw, v, cw, spec.width,
+                                            spec.height, spec.layout, spec.range});
+}
+
+void check_stdin_once(const std::vector<std::string>& args) {
+  size_t dashes = 0;
+  for (const std::string& a : args) dashes += a == "-";
+  if (dashes > 1) throw std::runtime_error("standard input ('-') can be read only once");
+}
+
+}  // namespace cli
