@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <type_traits>
 
 namespace vemoproc_py {
 
@@ -41,6 +42,19 @@ py::array_t<T, py::array::c_style> as_array(py::handle obj, const char* name, in
     throw py::type_error(std::string(name) + ": expected an array of " +
                          py::str(py::dtype::of<T>()).cast<std::string>() + ", got dtype " +
                          py::str(a.dtype()).cast<std::string>());
+  }
+  // Pixels are taken as they are: a wider integer type is not narrowed.
+  if (std::is_same<T, uint8_t>::value && !a.dtype().is(py::dtype::of<uint8_t>())) {
+    throw py::type_error(std::string(name) + ": expected a uint8 array, got dtype " +
+                         py::str(a.dtype()).cast<std::string>());
+  }
+  // Integers that do not fit an int would wrap in the cast: refused instead.
+  if (std::is_same<T, int>::value && a.size() > 0 &&
+      (a.dtype().itemsize() > 4 || (kind == 'u' && a.dtype().itemsize() == 4))) {
+    const py::int_ lo(a.attr("min")()), hi(a.attr("max")());
+    if (lo < py::int_(INT32_MIN) || hi > py::int_(INT32_MAX)) {
+      throw py::value_error(std::string(name) + ": values outside the 32-bit int range");
+    }
   }
   if (rank >= 0 && a.ndim() != rank) {
     throw py::value_error(std::string(name) + ": expected " + std::to_string(rank) +

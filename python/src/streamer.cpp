@@ -1,5 +1,6 @@
 // vemoproc.TextStreamer driven by a Python tokenizer and writing to a Python
 // text stream.
+#include <mutex>
 #include <ostream>
 #include <streambuf>
 #include <string>
@@ -81,14 +82,19 @@ class PyTextStreamer {
     out_.exceptions(std::ios::badbit);
   }
 
+  // Python threads may share a streamer: one step at a time. The GIL is
+  // released before the lock is taken, so a waiting thread never holds the
+  // GIL the working thread's callbacks need.
   void put(const std::vector<int>& tokens) {
-    out_.clear();
     py::gil_scoped_release nogil;
+    std::lock_guard<std::mutex> lock(mutex_);
+    out_.clear();
     streamer_.put(tokens);
   }
   void end() {
-    out_.clear();
     py::gil_scoped_release nogil;
+    std::lock_guard<std::mutex> lock(mutex_);
+    out_.clear();
     streamer_.end();
   }
 
@@ -97,6 +103,7 @@ class PyTextStreamer {
   PyStreamBuf buf_;
   std::ostream out_;
   TextStreamer streamer_;
+  std::mutex mutex_;
 };
 
 std::vector<int> token_ids(py::handle ids) {

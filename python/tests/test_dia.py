@@ -94,3 +94,13 @@ def test_dia_errors(dp):
         dp.createAttnMask(np.ones((1, 3), np.float32), np.ones((1, 3), bool), False)
     with pytest.raises(TypeError, match="audio_prompt"):
         dp.prepareAudioPrompt(np.zeros((2, 3), np.float32), 1, 2, 3, DELAYS)
+
+
+def test_integer_inputs_that_would_wrap_are_refused(dp):
+    prompt = np.array([[1, 2, 2**40]], np.int64)
+    with pytest.raises(ValueError, match="audio_prompt: values outside the 32-bit int range"):
+        dp.prepareAudioPrompt(prompt, 1026, 1025, 3, DELAYS)
+    idx = dp.buildDelayIndices(1, 4, 3, DELAYS)
+    wide = (idx[0], idx[1].astype(np.uint64) + np.uint64(2**63))
+    with pytest.raises(ValueError, match=r"precomputed\[1\]"):
+        dp.applyAudioDelay(np.zeros((1, 4, 3), np.float32), 0, 0, wide)

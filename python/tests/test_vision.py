@@ -111,6 +111,8 @@ def test_qwen2vl_helpers_and_errors():
     img = scene(20, 30)
     assert np.array_equal(qwen2vl.resize_image(img, 20, 30), img)
     assert qwen2vl.resize_image(img, 7, 9).shape == (7, 9, 3)
+    with pytest.raises(TypeError, match="image: expected a uint8 array"):
+        qwen2vl.resize_image(img.astype(np.uint16), 2, 2)  # never narrowed silently
     with pytest.raises(ValueError, match="image: expected an HxWx3"):
         qwen2vl.resize_image(np.zeros((4, 4, 4), np.uint8), 2, 2)
     with pytest.raises(RuntimeError, match="patch_size"):
