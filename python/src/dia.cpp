@@ -66,7 +66,7 @@ position, int32 [B, T, C]; clamped flat gather offsets, int32). Build once per
 shape and pattern and pass to applyAudioDelay.)")
       .def(
           "applyAudioDelay",
-          [](DiaPreprocessor& self, py::handle audio, float pad_value, float bos_value,
+          [](DiaPreprocessor& self, py::array audio, float pad_value, float bos_value,
              py::handle precomputed) {
             xt::xarray<float> a = to_xarray<float>(audio, "audio");
             IndexPair idx = index_pair(precomputed);
@@ -96,7 +96,7 @@ RuntimeError for indices built for another shape.)")
 offsets), both int32. Raises RuntimeError for a negative delay.)")
       .def(
           "revertAudioDelay",
-          [](DiaPreprocessor& self, py::handle audio, float pad_value, py::handle precomputed,
+          [](DiaPreprocessor& self, py::array audio, float pad_value, py::handle precomputed,
              int T) {
             xt::xarray<float> a = to_xarray<float>(audio, "audio");
             IndexPair idx = index_pair(precomputed);
@@ -132,7 +132,7 @@ None), max(delay_pattern) frames of -1, with the delay applied. Returns
 (codes int32 [L, C], prefill length 1 + T_p).)")
       .def(
           "sampleNextToken",
-          [](DiaPreprocessor& self, py::handle logits, float temperature, float top_p, int top_k) {
+          [](DiaPreprocessor& self, py::array logits, float temperature, float top_p, int top_k) {
             xt::xarray<float> l = to_xarray<float>(logits, "logits");
             xt::xarray<int> out;
             {
@@ -149,7 +149,7 @@ argmax (lowest index on ties); otherwise scales, keeps the top_k best (when
 freshly seeded engine. Raises RuntimeError for a row with no distribution.)")
       .def(
           "createAttnMask",
-          [](DiaPreprocessor& self, py::handle query_mask, py::handle key_mask, bool causal) {
+          [](DiaPreprocessor& self, py::array query_mask, py::array key_mask, bool causal) {
             xt::xarray<bool> q = to_xarray<bool>(query_mask, "query_mask");
             xt::xarray<bool> k = to_xarray<bool>(key_mask, "key_mask");
             xt::xarray<bool> out;

@@ -86,7 +86,7 @@ Raises RuntimeError "Absolute aspect ratio must be smaller than 200", or naming
 factor when it is 0.)");
   qw.def(
       "resize_image",
-      [](py::handle image, int new_height, int new_width) {
+      [](py::array image, int new_height, int new_width) {
         xt::xtensor<uint8_t, 3> in = to_xtensor<uint8_t, 3>(image, "image");
         if (in.shape(2) != 3) throw py::value_error("image: expected an HxWx3 array");
         xt::xtensor<uint8_t, 3> out;
@@ -104,7 +104,7 @@ factor when it is 0.)");
                     std::vector<float>, size_t, size_t, size_t>(),
            py::arg("do_resize") = true, py::arg("min_pixels") = 56 * 56,
            py::arg("max_pixels") = 28 * 28 * 1280, py::arg("do_rescale") = true,
-           py::arg("rescale_factor") = 1.0f / 255.0f, py::arg("do_normalize") = true,
+           py::arg_v("rescale_factor", 1.0f / 255.0f, "1 / 255"), py::arg("do_normalize") = true,
            py::arg("image_mean") = qwen2vl::kDefaultImageMean,
            py::arg("image_std") = qwen2vl::kDefaultImageStd, py::arg("patch_size") = 14,
            py::arg("temporal_patch_size") = 2, py::arg("merge_size") = 2,

@@ -43,7 +43,12 @@ std::vector<yolo::Detection> detections_of(py::handle obj) {
     }
     return out;
   }
-  for (py::handle d : obj) out.push_back(d.cast<yolo::Detection>());
+  for (py::handle d : obj) {
+    if (!py::isinstance<yolo::Detection>(d)) {
+      throw py::type_error("detections: expected Detection items or an [N, 6] array");
+    }
+    out.push_back(d.cast<yolo::Detection>());
+  }
   return out;
 }
 
@@ -90,7 +95,7 @@ cannot be decoded.)");
 
   m.def(
       "letterbox",
-      [](py::handle image, std::array<int, 2> new_shape, unsigned char pad_value) {
+      [](py::array image, std::array<int, 2> new_shape, unsigned char pad_value) {
         py::object keep;
         vemoproc::ImageView view = image_view(image, "image", keep);
         yolo::RawImage out;
@@ -111,7 +116,7 @@ image: uint8 HxWx3 (RGB), HxWx4 (RGBA) or HxW (grey). Returns uint8
 
   m.def(
       "postprocess",
-      [](py::handle predictions, std::array<size_t, 2> input_shape,
+      [](py::array predictions, std::array<size_t, 2> input_shape,
          std::array<size_t, 2> original_shape, float conf_threshold, float iou_threshold,
          size_t max_det, bool as_array) -> py::object {
         xt::xtensor<float, 2> head = to_xtensor<float, 2>(predictions, "predictions");
@@ -125,8 +130,8 @@ image: uint8 HxWx3 (RGB), HxWx4 (RGBA) or HxW (grey). Returns uint8
         return py::cast(std::move(dets));
       },
       py::arg("predictions"), py::arg("input_shape"), py::arg("original_shape"),
-      py::arg("conf_threshold") = 0.25f, py::arg("iou_threshold") = 0.45f, py::arg("max_det") = 300,
-      py::kw_only(), py::arg("as_array") = false,
+      py::arg("conf_threshold") = 0.25f, py::arg_v("iou_threshold", 0.45f, "0.45"),
+      py::arg("max_det") = 300, py::kw_only(), py::arg("as_array") = false,
       R"(Decode one image's raw detection head into detections, best first.
 
 predictions: [N, 4 + classes] rows of (cx, cy, w, h, class scores), in
