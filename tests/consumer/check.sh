@@ -14,3 +14,10 @@ export PKG_CONFIG_PATH="$libdir/pkgconfig"
 c++ -std=c++17 "$src_dir/main.cpp" -o "$work/app-pc" $(pkg-config --cflags --libs vemoproc) \
   -Wl,-rpath,"$libdir"
 "$work/app-pc"
+# The Python package, when built, imports from the installed tree (run from
+# the scratch folder so the source tree's package cannot be picked up).
+if [ -n "${4:-}" ]; then
+  pkg=$(dirname "$(find "$work/prefix" -name '__init__.py' -path '*/vemoproc/*' | head -n 1)")
+  (cd "$work" && PYTHONPATH="$(dirname "$pkg")" "$4" -c \
+    "import vemoproc, numpy; assert vemoproc.__file__.startswith('$work'); vemoproc.zentil.ZentilPreprocessor(4).process(numpy.zeros((8, 8, 3), numpy.uint8))")
+fi
