@@ -6,6 +6,7 @@
 #include <fstream>
 #include <iomanip>
 #include <iostream>
+#include <limits>
 #include <random>
 
 #include <xtensor/xadapt.hpp>
@@ -13,6 +14,7 @@
 #include <xtensor/xview.hpp>
 
 #include "cli_common.hpp"
+#include "cli_images.hpp"
 #include "stb_image_write.h"
 #include "yolo.hpp"
 
@@ -22,6 +24,10 @@ namespace {
 
 std::vector<std::string> read_names(const std::string& path) {
   if (path.empty()) return {};
+  std::error_code ec;
+  if (std::filesystem::is_directory(path, ec)) {
+    throw std::runtime_error("--names: " + path + " is a directory, not a file of class names");
+  }
   cli::require_file(path);
   std::ifstream in(path);
   std::vector<std::string> names;
@@ -29,14 +35,23 @@ std::vector<std::string> read_names(const std::string& path) {
     if (!line.empty() && line.back() == '\r') line.pop_back();
     names.push_back(line);
   }
+  if (in.bad()) throw std::runtime_error("--names: cannot read " + path);
   return names;
 }
 
+// Encodes in memory, then writes through the checked writer (stb's own file
+// writer ignores failed writes).
 void write_png(const yolo::RawImage& image, const std::string& path) {
-  if (!stbi_write_png(path.c_str(), image.width, image.height, 3, image.data.data(),
-                      image.width * 3)) {
-    throw std::runtime_error("cannot write " + path);
+  std::string bytes;
+  const auto append = [](void* context, void* data, int size) {
+    static_cast<std::string*>(context)->append(static_cast<const char*>(data),
+                                               static_cast<size_t>(size));
+  };
+  if (!stbi_write_png_to_func(append, &bytes, image.width, image.height, 3, image.data.data(),
+                              image.width * 3)) {
+    throw std::runtime_error("cannot write " + path + ": PNG encoding failed");
   }
+  cli::write_file(path, bytes);
 }
 
 void print_detections(const std::vector<yolo::Detection>& dets,
@@ -53,13 +68,22 @@ void print_detections(const std::vector<yolo::Detection>& dets,
 }
 
 // The head as [N, C]: accepts [N, C] or [1, N, C], or the channel-first
-// [C, N] / [1, C, N] with layout "cn".
+// [C, N] / [1, C, N] with layout "cn". Without an explicit --layout, a head
+// whose first axis is much smaller than its second (e.g. [84, 8400]) is
+// refused as channel-first.
 xt::xtensor<float, 2> head_rows(xt::xarray<float> head, const std::string& layout,
-                                const std::string& path) {
+                                bool layout_given, const std::string& path) {
   if (head.dimension() == 3 && head.shape(0) == 1) head = xt::view(head, 0);
   if (head.dimension() != 2) {
     throw std::runtime_error(path + ": expected a head of shape [N, C] or [1, N, C], got " +
                              std::to_string(head.dimension()) + " axes");
+  }
+  const size_t first = head.shape(0), second = head.shape(1);
+  if (!layout_given && first >= 6 && second / 10 >= first) {
+    throw std::runtime_error(path + ": the head is [" + std::to_string(first) + ", " +
+                             std::to_string(second) +
+                             "], which looks channel-first; pass --layout cn (or --layout nc "
+                             "to read it as rows)");
   }
   if (layout == "cn") head = xt::transpose(head);
   if (head.shape(1) < 6) {
@@ -70,18 +94,53 @@ xt::xtensor<float, 2> head_rows(xt::xarray<float> head, const std::string& layou
   return head;
 }
 
+// An NMS-free head as [N, 6] rows (x1 y1 x2 y2 score class): [N, 6] or [1, N, 6].
+xt::xtensor<float, 2> end2end_rows(xt::xarray<float> head, const std::string& path) {
+  if (head.dimension() == 3 && head.shape(0) == 1) head = xt::view(head, 0);
+  if (head.dimension() != 2 || head.shape(1) != 6) {
+    throw std::runtime_error(path +
+                             ": --end2end expects rows of 6 values (x1 y1 x2 y2 score "
+                             "class), as [N, 6] or [1, N, 6]");
+  }
+  return head;
+}
+
+// An image argument as a RawImage: a path through the family's loader (its
+// own messages), standard input or a raw frame through the shared reader.
+yolo::RawImage raw_image(const std::string& arg, const std::string& raw) {
+  if (cli::needs_reading(arg, raw)) return yolo::RawImage(cli::read_image(arg, raw).view());
+  cli::require_file(arg);
+  return yolo::RawImage(arg);
+}
+
 // --- yolo-preprocess -----------------------------------------------------------
 
 struct PreprocessArgs {
   std::vector<std::string> images;
+  std::string raw;
   std::string size = "640x640";
   std::string output;
 };
 
 void run_preprocess(const PreprocessArgs& a) {
   const auto shape = cli::parse_size(a.size, "--size");
-  for (const auto& p : a.images) cli::require_file(p);
-  const auto batch = yolo::preprocess(a.images, shape);
+  cli::check_pixels(shape[0], shape[1], "--size");
+  cli::check_stdin_once(a.images);
+  xt::xtensor<float, 4> batch;
+  if (std::none_of(a.images.begin(), a.images.end(),
+                   [&](const std::string& p) { return cli::needs_reading(p, a.raw); })) {
+    for (const auto& p : a.images) cli::require_file(p);
+    batch = yolo::preprocess(a.images, shape);
+  } else {
+    // Standard input or raw frames: every image as a view, the same tensor.
+    std::vector<yolo::RawImage> images;
+    for (const auto& p : a.images) images.push_back(raw_image(p, a.raw));
+    std::vector<vemoproc::ImageView> views;
+    for (const auto& im : images) {
+      views.push_back({im.data.data(), im.width, im.height, 0, vemoproc::PixelFormat::RGB});
+    }
+    batch = yolo::preprocess_images(views, shape).tensor;
+  }
   cli::write_npy(a.output, batch);
   std::cout << "wrote " << a.output << ": float32 [" << batch.shape(0) << ", 3, " << batch.shape(2)
             << ", " << batch.shape(3) << "]\n";
@@ -99,19 +158,43 @@ struct PostprocessArgs {
   std::string names;
   std::string draw;
   std::string layout = "nc";
+  bool layout_given = false;
   int thickness = 2;
+  std::string raw;
+  bool agnostic = false;
+  bool end2end = false;
+  bool exact = false;
 };
 
 void run_postprocess(const PostprocessArgs& a) {
   const auto in = cli::parse_size(a.input_size, "--input-size");
   const auto names = read_names(a.names);
-  cli::require_file(a.image);
-  yolo::RawImage image(a.image);
-  const auto head = head_rows(cli::load_npy_as_float(a.head), a.layout, a.head);
-  const auto dets =
-      yolo::postprocess(head, {static_cast<size_t>(in[1]), static_cast<size_t>(in[0])},
-                        {static_cast<size_t>(image.height), static_cast<size_t>(image.width)},
-                        a.conf, a.iou, a.max_det);
+  yolo::RawImage image = raw_image(a.image, a.raw);
+  std::vector<yolo::Detection> dets;
+  if (a.end2end || a.agnostic || a.exact) {
+    // Boxes mapped back with the geometry the letterbox applied.
+    const yolo::LetterboxInfo g = yolo::letterbox_info(image.width, image.height, in);
+    std::cout << "letterbox: " << g.original_width << "x" << g.original_height << " scaled by "
+              << g.scale << " to " << g.new_width << "x" << g.new_height << " at (" << g.left
+              << ", " << g.top << ")\n";
+    if (a.end2end) {
+      dets = yolo::postprocess_end2end(end2end_rows(cli::load_npy_as_float(a.head), a.head), g,
+                                       a.conf);
+    } else {
+      yolo::PostprocessOptions options;
+      options.conf_threshold = a.conf;
+      options.iou_threshold = a.iou;
+      options.max_det = a.max_det;
+      options.agnostic = a.agnostic;
+      dets = yolo::postprocess(
+          head_rows(cli::load_npy_as_float(a.head), a.layout, a.layout_given, a.head), g, options);
+    }
+  } else {
+    const auto head = head_rows(cli::load_npy_as_float(a.head), a.layout, a.layout_given, a.head);
+    dets = yolo::postprocess(head, {static_cast<size_t>(in[1]), static_cast<size_t>(in[0])},
+                             {static_cast<size_t>(image.height), static_cast<size_t>(image.width)},
+                             a.conf, a.iou, a.max_det);
+  }
   print_detections(dets, names);
   if (!a.draw.empty()) {
     yolo::draw_detections(image, dets, names, true, a.thickness);
@@ -211,12 +294,14 @@ xt::xtensor<float, 2> synthetic_head(const std::vector<SceneObject>& objects, in
 
 struct DemoArgs {
   std::string image;
+  std::string raw;
   std::string output = "vemoproc-demo.png";
   std::string size = "640x640";
 };
 
 void run_demo(const DemoArgs& a) {
   const auto net = cli::parse_size(a.size, "--size");
+  cli::check_pixels(net[0], net[1], "--size");
   constexpr int kStages = 6;
   yolo::RawImage scene;
   std::vector<SceneObject> objects;
@@ -228,8 +313,12 @@ void run_demo(const DemoArgs& a) {
       input = (std::filesystem::temp_directory_path() / "vemoproc-demo-scene.png").string();
       write_png(scene, input);
     } else {
-      cli::require_file(a.image);
-      scene = yolo::RawImage(a.image);
+      scene = raw_image(a.image, a.raw);
+      if (cli::needs_reading(a.image, a.raw)) {
+        // The preprocess stage reads a file: standard input goes through one.
+        input = (std::filesystem::temp_directory_path() / "vemoproc-demo-input.png").string();
+        write_png(scene, input);
+      }
       // Without a network, an arbitrary photo gets three boxes at fixed spots.
       const float w = float(scene.width), h = float(scene.height);
       objects = {{0, 0.1f * w, 0.2f * h, 0.45f * w, 0.9f * h},
@@ -270,7 +359,11 @@ void run_demo(const DemoArgs& a) {
 void add_yolo_commands(CLI::App& app) {
   auto pre = std::make_shared<PreprocessArgs>();
   auto* p = app.add_subcommand("yolo-preprocess", "Letterbox images into a [N,3,H,W] float .npy");
-  p->add_option("images", pre->images, "Image files (any format stb_image reads)")->required();
+  p->add_option(
+       "images", pre->images,
+       "Image files (any format stb_image reads); - for an encoded image on standard input")
+      ->required();
+  p->add_option("--raw", pre->raw, cli::kRawHelp);
   p->add_option("--size", pre->size, "Network input size WIDTHxHEIGHT")->capture_default_str();
   p->add_option("-o,--output", pre->output, "Output .npy file")->required();
   p->callback([pre] { run_preprocess(*pre); });
@@ -279,26 +372,44 @@ void add_yolo_commands(CLI::App& app) {
   auto* q = app.add_subcommand("yolo-postprocess", "Decode a raw detection head into boxes");
   q->add_option("head", post->head, "Head .npy: [N, 4+classes] or [1, N, 4+classes]")->required();
   q->add_option("--input-size", post->input_size, "Network input size WIDTHxHEIGHT")->required();
-  q->add_option("--image", post->image, "The original image (for its size, and --draw)")
+  q->add_option("--image", post->image,
+                "The original image (for its size, and --draw); - for standard input")
       ->required();
+  q->add_option("--raw", post->raw, cli::kRawHelp);
+  q->add_flag("--agnostic", post->agnostic, "NMS across classes (maps back as --exact)");
+  q->add_flag("--end2end", post->end2end,
+              "NMS-free head of [N, 6] rows x1 y1 x2 y2 score class (maps back as --exact)");
+  q->add_flag("--exact", post->exact,
+              "Map boxes back with the geometry the letterbox applied, and print it");
   q->add_option("--conf", post->conf, "Confidence threshold (strictly above)")
+      ->check(cli::finite_float())
       ->capture_default_str();
   q->add_option("--iou", post->iou, "NMS IoU threshold (strictly above suppresses)")
+      ->check(cli::finite_float())
       ->capture_default_str();
-  q->add_option("--max-det", post->max_det, "Most detections kept")->capture_default_str();
+  q->add_option("--max-det", post->max_det, "Most detections kept")
+      ->check(cli::unsigned_in(1, std::numeric_limits<size_t>::max()))
+      ->capture_default_str();
   q->add_option("--names", post->names, "Class names file, one per line");
   q->add_option("--draw", post->draw, "Write the image with boxes and labels to this PNG");
-  q->add_option("--layout", post->layout, "nc: rows are boxes; cn: channel-first [C, N] heads")
-      ->check(CLI::IsMember({"nc", "cn"}))
-      ->capture_default_str();
+  auto* layout =
+      q->add_option("--layout", post->layout, "nc: rows are boxes; cn: channel-first [C, N] heads")
+          ->check(CLI::IsMember({"nc", "cn"}))
+          ->capture_default_str();
   q->add_option("--thickness", post->thickness, "Box outline width in pixels")
+      ->check(cli::integer_in(1, std::numeric_limits<int>::max()))
       ->capture_default_str();
-  q->callback([post] { run_postprocess(*post); });
+  q->callback([post, layout] {
+    post->layout_given = layout->count() > 0;
+    run_postprocess(*post);
+  });
 
   auto demo = std::make_shared<DemoArgs>();
   auto* d =
       app.add_subcommand("demo", "Run detection pre/post-processing end to end on a sample scene");
-  d->add_option("--image", demo->image, "Use this image instead of the painted sample scene");
+  d->add_option("--image", demo->image,
+                "Use this image instead of the painted sample scene (- for standard input)");
+  d->add_option("--raw", demo->raw, cli::kRawHelp);
   d->add_option("-o,--output", demo->output, "Annotated PNG to write")->capture_default_str();
   d->add_option("--size", demo->size, "Network input size WIDTHxHEIGHT")->capture_default_str();
   d->callback([demo] { run_demo(*demo); });

@@ -1,7 +1,7 @@
 // Images the way apps hold them, shared by every image family: files read
 // once, decoding from memory within the pixel budget, caller views in five
-// pixel formats, 4:2:0 camera frames, quarter-turn rotation, EXIF orientation,
-// and the one resize entry point.
+// pixel formats, 4:2:0 camera frames, quarter-turn rotation and EXIF
+// orientation. The one resize entry point lives in resize.cpp.
 #include <algorithm>
 #include <atomic>
 #include <climits>
@@ -16,7 +16,6 @@
 #endif
 
 #include <stb_image.h>
-#include <stb_image_resize2.h>
 
 #include "cpu.hpp"
 #include "image_io.hpp"
@@ -608,21 +607,6 @@ RgbSource::RgbSource(const uint8_t* rgb, int width, int height, size_t stride)
       width_(width),
       height_(height),
       stride_(stride != 0 ? stride : static_cast<size_t>(width) * 3u) {}
-
-bool resize_rgb(const uint8_t* in, int in_w, int in_h, size_t in_stride, uint8_t* out, int out_w,
-                int out_h, size_t out_stride, ResizeFilter filter) {
-  if (in_stride > static_cast<size_t>(INT_MAX) || out_stride > static_cast<size_t>(INT_MAX)) {
-    return false;
-  }
-  STBIR_RESIZE resize;
-  stbir_resize_init(&resize, in, in_w, in_h, static_cast<int>(in_stride), out, out_w, out_h,
-                    static_cast<int>(out_stride), STBIR_RGB, STBIR_TYPE_UINT8);
-  stbir_set_edgemodes(&resize, STBIR_EDGE_CLAMP, STBIR_EDGE_CLAMP);
-  if (filter == ResizeFilter::CatmullRom) {
-    stbir_set_filters(&resize, STBIR_FILTER_CATMULLROM, STBIR_FILTER_CATMULLROM);
-  }
-  return stbir_resize_extended(&resize) != 0;
-}
 
 }  // namespace detail
 
