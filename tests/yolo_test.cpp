@@ -254,6 +254,11 @@ TEST(RawImageLoad, ViewsAndThePixelBudget) {
   const uint64_t saved = vemoproc::max_image_pixels();
   vemoproc::set_max_image_pixels(35);
   EXPECT_EQ(error_of([&] { yolo::RawImage im(path); }), "stbi_load failed for: " + path);
+  // The letterbox target is held to the same budget.
+  vemoproc::set_max_image_pixels(36);
+  EXPECT_EQ(yolo::letterbox(file, {9, 4}, 114).data.size(), 9u * 4 * 3);
+  EXPECT_EQ(error_of([&] { yolo::letterbox(file, {9, 5}, 114); }),
+            "stbir_resize_uint8_linear failed");
   vemoproc::set_max_image_pixels(saved);
 }
 
@@ -486,6 +491,35 @@ TEST(Postprocess, ConfidenceIsTheBestClassScoreAndStrictlyAboveThreshold) {
   EXPECT_EQ(dets[0].score, 0.6f);
   EXPECT_EQ(dets[1].class_id, 0);
   EXPECT_EQ(dets[1].score, 0.3f);
+}
+
+// The rejection of rows with no score above the threshold: only the last of
+// 80 classes above it (past any vector width), a NaN among the scores, and a
+// threshold of -infinity, which keeps even a row of -infinity scores at the
+// starting maximum (the lowest finite float).
+TEST(Postprocess, RowsAreRejectedOnlyWhenNoScoreIsAboveTheThreshold) {
+  std::vector<float> last_only(80, 0.1f);
+  last_only[79] = 0.7f;
+  std::vector<float> with_nan(80, 0.2f);
+  with_nan[3] = std::numeric_limits<float>::quiet_NaN();
+  with_nan[50] = 0.9f;
+  const auto dets =
+      yolo::postprocess(head({head_row(0, 0, 10, 10, last_only),
+                              head_row(100, 100, 110, 110, std::vector<float>(80, 0.25f)),
+                              head_row(200, 200, 210, 210, with_nan)}),
+                        k640, k640, 0.25f, 0.45f, 300);
+  ASSERT_EQ(dets.size(), 2u);
+  EXPECT_EQ(dets[0].class_id, 50);
+  EXPECT_EQ(dets[0].score, 0.9f);
+  EXPECT_EQ(dets[1].class_id, 79);
+  EXPECT_EQ(dets[1].score, 0.7f);
+
+  const float inf = std::numeric_limits<float>::infinity();
+  const auto floor =
+      yolo::postprocess(head({head_row(0, 0, 10, 10, {-inf, -inf})}), k640, k640, -inf, 0.45f, 300);
+  ASSERT_EQ(floor.size(), 1u);
+  EXPECT_EQ(floor[0].score, std::numeric_limits<float>::lowest());
+  EXPECT_EQ(floor[0].class_id, 0);
 }
 
 TEST(Postprocess, NmsIsGreedyPerClassWithStrictIou) {

@@ -15,6 +15,7 @@
 #include <stb_easy_font.h>
 
 #include "../pixels/image_io.hpp"
+#include "../pixels/parallel.hpp"
 
 #include "pack.hpp"
 
@@ -110,6 +111,8 @@ struct LetterboxBlock {
 // resampler cannot do.
 LetterboxBlock letterbox_block(const vemoproc::detail::RgbSource& rgb,
                                const std::array<int, 2>& new_shape) {
+  // The letterboxed image (the target box) is held to the decoding budget.
+  if (!vemoproc::detail::within_pixel_budget(new_shape[0], new_shape[1])) throw resize_failed();
   LetterboxBlock block;
   block.geometry = letterbox_geometry(rgb.width(), rgb.height(), new_shape);
   const int new_w = block.geometry.new_width;
@@ -207,13 +210,14 @@ xt::xtensor<float, 4> preprocess(const std::vector<std::string>& paths,
   xt::xtensor<float, 4> batch = batch_tensor(paths.size(), new_shape, "preprocess()");
   const size_t W = batch.shape(3);
   const size_t H = batch.shape(2);
-  for (size_t i = 0; i < paths.size(); ++i) {
-    // One image at a time: peak memory is the batch plus one decoded image.
+  // One image per thread (vemoproc::set_num_threads; one at a time by
+  // default): peak memory is the batch plus one decoded image per thread.
+  vemoproc::detail::parallel_for_each_item(paths.size(), [&](size_t i) {
     const vemoproc::detail::DecodedRgb decoded = vemoproc::detail::load_rgb_file(paths[i]);
     if (!decoded) throw std::runtime_error("stbi_load failed for: " + paths[i]);
     const vemoproc::detail::RgbSource rgb(decoded.pixels.get(), decoded.width, decoded.height, 0);
     pack_letterboxed(letterbox_block(rgb, new_shape), W, H, batch.data() + i * 3 * W * H);
-  }
+  });
   return batch;
 }
 
@@ -221,10 +225,11 @@ DetectionBatch preprocess_images(const std::vector<vemoproc::ImageView>& images,
                                  const std::array<int, 2>& new_shape) {
   DetectionBatch out;
   out.tensor = batch_tensor(images.size(), new_shape, "preprocess_images()");
-  out.letterbox.reserve(images.size());
+  out.letterbox.resize(images.size());
   const size_t W = out.tensor.shape(3);
   const size_t H = out.tensor.shape(2);
-  for (size_t i = 0; i < images.size(); ++i) {
+  // One image per thread with vemoproc::set_num_threads (in order by default).
+  vemoproc::detail::parallel_for_each_item(images.size(), [&](size_t i) {
     const std::string name = "preprocess_images(): images[" + std::to_string(i) + "]";
     vemoproc::detail::check_view(images[i], name.c_str());
     // RGB views are borrowed as they are; other formats are converted, one
@@ -232,8 +237,8 @@ DetectionBatch preprocess_images(const std::vector<vemoproc::ImageView>& images,
     const vemoproc::detail::RgbSource rgb(images[i]);
     const LetterboxBlock block = letterbox_block(rgb, new_shape);
     pack_letterboxed(block, W, H, out.tensor.data() + i * 3 * W * H);
-    out.letterbox.push_back(block.geometry);
-  }
+    out.letterbox[i] = block.geometry;
+  });
   return out;
 }
 
