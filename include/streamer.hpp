@@ -124,7 +124,8 @@ class VEMOPROC_API TextStreamer : public BaseStreamer {
 //    end() was called, once every piece before it has been taken: each end()
 //    yields exactly one, so a streamer can serve one generation after
 //    another. Nothing to take within `timeout` (also after the last end())
-//    throws vemoproc::StreamTimeout.
+//    throws vemoproc::StreamTimeout. A negative timeout does not wait; one
+//    beyond a century counts as a century.
 //  - fail(error): the consumer's next call of next() rethrows `error`
 //    (pieces queued before it stay queued for the calls after that). Hand
 //    over the only reference (std::move it, after leaving the catch block):

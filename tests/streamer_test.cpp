@@ -302,6 +302,9 @@ TEST_F(StreamerTest, QueueCarriesThePiecesToAnotherThread) {
   std::thread producer([&] { run_script(q); });
   EXPECT_EQ(drain(q), kScriptPieces);
   producer.join();
+  q.end();  // a generation of nothing but the line feed
+  EXPECT_EQ(q.next(std::chrono::milliseconds::max()), "\n");
+  EXPECT_EQ(q.next(std::chrono::milliseconds::max()), std::nullopt);
   // One end, one empty optional: the next generation follows on.
   EXPECT_THROW(q.next(std::chrono::milliseconds(0)), vemoproc::StreamTimeout);
   std::thread second([&] { run_script(q); });
@@ -312,6 +315,8 @@ TEST_F(StreamerTest, QueueCarriesThePiecesToAnotherThread) {
 TEST_F(StreamerTest, QueueTimesOutWhenNothingArrives) {
   QueueStreamer q(tok);
   EXPECT_THROW(q.next(std::chrono::milliseconds(1)), vemoproc::StreamTimeout);
+  // Extreme timeouts neither overflow the clock nor wait when nothing can come.
+  EXPECT_THROW(q.next(std::chrono::milliseconds::min()), vemoproc::StreamTimeout);
   q.put({});  // the prompt: nothing queued
   try {
     q.next(std::chrono::milliseconds(0));
