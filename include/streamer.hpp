@@ -91,7 +91,8 @@ class VEMOPROC_API TextStreamer : public BaseStreamer {
   // rest (if any) and then "\n" as a piece of its own. Flushes have no
   // counterpart: a step that would write nothing calls nothing. An exception
   // from the sink propagates like a failing stream write (in put, after the
-  // step's state change; in end, before the new segment starts).
+  // step's state change; in end, before the new segment starts). An empty
+  // sink throws std::bad_function_call at the first piece.
   TextStreamer(Tokenizer& tokenizer, std::function<void(std::string_view)> sink,
                bool skip_prompt = true, bool strip_leading_space = true);
   ~TextStreamer() override;
