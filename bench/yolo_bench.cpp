@@ -14,6 +14,8 @@
 #include "threads.hpp"
 #include "yolo.hpp"
 
+#include <xtensor/xmanipulation.hpp>
+
 namespace {
 
 using benchinputs::frame_1080p;
@@ -36,6 +38,15 @@ void BM_LetterboxAndPack_1080p_to_640(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_LetterboxAndPack_1080p_to_640)->Unit(benchmark::kMillisecond);
+
+// The same work from a caller's RGB pixels, geometry included.
+void BM_PreprocessImages_1080pView_to_640(benchmark::State& state) {
+  const auto im = frame_1080p();
+  const std::vector<vemoproc::ImageView> views = {
+      {im.data.data(), im.width, im.height, 0, vemoproc::PixelFormat::RGB}};
+  for (auto _ : state) benchmark::DoNotOptimize(yolo::preprocess_images(views, {640, 640}));
+}
+BENCHMARK(BM_PreprocessImages_1080pView_to_640)->Unit(benchmark::kMillisecond);
 
 void BM_Letterbox_1080p_to_640(benchmark::State& state) {
   const auto im = frame_1080p();
@@ -119,6 +130,24 @@ void BM_Postprocess_8400x84(benchmark::State& state) {
 }
 BENCHMARK(BM_Postprocess_8400x84)->Unit(benchmark::kMicrosecond);
 
+// The geometry overload on the same head, as [8400, 84] and as the [84, 8400]
+// that exports give, read in place.
+void postprocess_geometry(benchmark::State& state, bool channels_first) {
+  const xt::xtensor<float, 2> rows = realistic_head();
+  const xt::xtensor<float, 2> head =
+      channels_first ? xt::xtensor<float, 2>(xt::transpose(rows)) : rows;
+  yolo::PostprocessOptions options;
+  options.channels_first = channels_first;
+  const yolo::LetterboxInfo letterbox = yolo::letterbox_info(1920, 1080, {640, 640});
+  for (auto _ : state) benchmark::DoNotOptimize(yolo::postprocess(head, letterbox, options));
+}
+void BM_PostprocessGeometry_8400x84(benchmark::State& state) { postprocess_geometry(state, false); }
+BENCHMARK(BM_PostprocessGeometry_8400x84)->Unit(benchmark::kMicrosecond);
+void BM_PostprocessChannelsFirst_84x8400(benchmark::State& state) {
+  postprocess_geometry(state, true);
+}
+BENCHMARK(BM_PostprocessChannelsFirst_84x8400)->Unit(benchmark::kMicrosecond);
+
 // Baseline: one read pass over the head (a running maximum of every value).
 void BM_ReadPassHead_8400x84(benchmark::State& state) {
   const auto head = realistic_head();
@@ -156,5 +185,7 @@ int main(int argc, char** argv) {
        {"BM_Letterbox_1080p_to_640", "BM_BareStbResize_1080p_to_640x360", 1.2},
        {"BM_Postprocess_8400x84", "BM_ReadPassHead_8400x84", 3.0},
        {"BM_Resize_1080p_to_640x360_Avx2", "BM_Resize_1080p_to_640x360_Baseline", 0.0},
-       {"BM_Resize_1080p_to_640x360_Avx2_2Threads", "BM_Resize_1080p_to_640x360_Avx2", 0.0}});
+       {"BM_Resize_1080p_to_640x360_Avx2_2Threads", "BM_Resize_1080p_to_640x360_Avx2", 0.0},
+       {"BM_PreprocessImages_1080pView_to_640", "BM_LetterboxAndPack_1080p_to_640", 1.05},
+       {"BM_PostprocessChannelsFirst_84x8400", "BM_PostprocessGeometry_8400x84", 1.2}});
 }

@@ -1,6 +1,9 @@
 // Writes the image-loader seed corpus: a small valid file of every format the
 // decoder reads (PNG, JPEG, BMP, TGA, HDR through the writer; PNM, GIF, PSD,
-// PIC byte by byte), plus truncated and bit-flipped variants of each.
+// PIC byte by byte), plus truncated and bit-flipped variants of each. With
+// more folders: .npy seeds for fuzz_npy_reader (every version, element type
+// and a few malformed headers) and command lines for fuzz_cli_args (one
+// argument per line, a working command of every subcommand).
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -78,13 +81,79 @@ Bytes pic(int w, int h) {
   return b;
 }
 
+// A .npy file: magic, VERSION, header length, DICT padded to 64 bytes, data.
+Bytes npy(int version, const std::string& dict, const Bytes& data) {
+  const size_t prefix = version == 1 ? 10 : 12;
+  std::string header = dict;
+  header.append(63 - (prefix + header.size()) % 64, ' ');
+  header += '\n';
+  Bytes b = {0x93, 'N', 'U', 'M', 'P', 'Y', uint8_t(version), 0};
+  for (size_t i = 0; i < prefix - 8; ++i) b.push_back(uint8_t(header.size() >> (8 * i)));
+  b.insert(b.end(), header.begin(), header.end());
+  b.insert(b.end(), data.begin(), data.end());
+  return b;
+}
+
+std::string dict(const std::string& descr, const std::string& shape, bool fortran = false) {
+  return "{'descr': '" + descr + "', 'fortran_order': " + (fortran ? "True" : "False") +
+         ", 'shape': " + shape + ", }";
+}
+
+void npy_seeds(const fs::path& dir) {
+  fs::remove_all(dir);
+  fs::create_directories(dir);
+  Bytes six(24);
+  for (size_t i = 0; i < six.size(); ++i) six[i] = uint8_t(i * 29);
+  save(dir / "v1_f4.npy", npy(1, dict("<f4", "(2, 3)"), six));
+  save(dir / "v2_i4.npy", npy(2, dict("<i4", "(3, 2)"), six));
+  save(dir / "v3_f8.npy", npy(3, dict("<f8", "(3,)"), six));
+  save(dir / "v1_i8.npy", npy(1, dict("<i8", "(1, 3, 1)"), six));
+  save(dir / "v1_u1.npy", npy(1, dict("|u1", "(4, 6)"), six));
+  save(dir / "v1_i1.npy", npy(1, dict("|i1", "(24,)"), six));
+  save(dir / "scalar.npy", npy(1, dict("<f4", "()"), Bytes(six.begin(), six.begin() + 4)));
+  save(dir / "empty.npy", npy(1, dict("<f4", "(0, 6)"), {}));
+  save(dir / "fortran.npy", npy(1, dict("<f4", "(2, 3)", true), six));
+  save(dir / "wrap.npy", npy(1, dict("<f4", "(4611686018427387904, 84)"), {}));
+  save(dir / "quotes.npy", npy(1, R"({"shape": (2, 3), "fortran_order": False, "descr": "<f4"})", six));
+  Bytes cut = npy(1, dict("<f4", "(2, 3)"), six);
+  cut.resize(cut.size() - 5);
+  save(dir / "cut.npy", cut);
+}
+
+void args_seeds(const fs::path& dir) {
+  fs::remove_all(dir);
+  fs::create_directories(dir);
+  const std::vector<std::string> lines = {
+      "yolo-preprocess\nimg.ppm\n--size\n32x32\n-o\nout.npy",
+      "yolo-postprocess\nhead.npy\n--input-size\n640x640\n--image\nimg.ppm\n--names\nnames.txt"
+      "\n--draw\nout.png\n--max-det\n5\n--conf\n0.1",
+      "yolo-postprocess\nhead.npy\n--layout\ncn\n--input-size\n64x64\n--image\nimg.ppm",
+      "demo\n--image\nimg.ppm\n--size\n32x32\n-o\nout.png",
+      "convnext\nimg.ppm\n--size\n16\n--crop-pct\n0.875\n-o\nout.npy",
+      "zentil\nimg.raw\n--raw\n8x6:rgb\n--size\n8\n-o\nout.npy",
+      "qwen2vl\nimg.ppm\nimg.ppm\n--patch-size\n4\n--merge-size\n2\n--temporal-patch-size\n2"
+      "\n--min-pixels\n64\n--max-pixels\n4096\n-o\nout.npy",
+      "dia-text\n[S1] Hello [S2] Hi\n--max-len\n32\n--pad\n7",
+      "dia-delay\ncodes.npy\n--delays\n0,2\n--bos\n99\n--pad\n98\n-o\nout.npy",
+      "dia-delay\ncodes8.npy\n--delays\n1,0\n--pad\n0\n--revert\n-o\nout.npy",
+      "dia-sample\nlogits.npy\n--temperature\n1.3\n--top-p\n0.95\n--top-k\n2",
+      "stream\nids.txt\n--show-prompt\n--flush-marker\n|",
+      "stream\n-\n--keep-leading-space",
+      "qwen2vl\n--help"};
+  for (size_t i = 0; i < lines.size(); ++i) {
+    save(dir / ("args" + std::to_string(i)), Bytes(lines[i].begin(), lines[i].end()));
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: make_corpus OUTDIR\n");
+  if (argc < 2 || argc > 4) {
+    std::fprintf(stderr, "usage: make_corpus IMAGE_DIR [NPY_DIR [CLI_ARGS_DIR]]\n");
     return 2;
   }
+  if (argc > 2) npy_seeds(argv[2]);
+  if (argc > 3) args_seeds(argv[3]);
   const fs::path dir = argv[1];
   fs::remove_all(dir);  // start clean: only the valid files get damaged copies
   fs::create_directories(dir);

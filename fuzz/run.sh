@@ -20,7 +20,8 @@ cmake --build "$build" -j"$(nproc)"
 corpus="$build/corpus"
 artifacts="$build/artifacts"
 mkdir -p "$corpus" "$artifacts"
-"$build/fuzz/make_corpus" "$corpus/seeds-images" >/dev/null
+"$build/fuzz/make_corpus" "$corpus/seeds-images" "$corpus/seeds-npy" "$corpus/seeds-cli-args" \
+  >/dev/null
 
 export ASAN_OPTIONS=detect_leaks=1:halt_on_error=1:abort_on_error=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
@@ -32,7 +33,11 @@ for harness in $(cd "$build/fuzz" && ls fuzz_* | sort); do
   [ -n "$only" ] && [ "$harness" != "$only" ] && continue
   mkdir -p "$corpus/$harness"
   seeds=()
-  [ "$harness" = fuzz_image_loaders ] && seeds=("$corpus/seeds-images")
+  case "$harness" in
+    fuzz_image_loaders) seeds=("$corpus/seeds-images") ;;
+    fuzz_npy_reader) seeds=("$corpus/seeds-npy") ;;
+    fuzz_cli_args) seeds=("$corpus/seeds-cli-args") ;;
+  esac
   log="$build/$harness.log"
   echo "== $harness (${seconds}s)"
   if "$build/fuzz/$harness" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=3072 \

@@ -58,3 +58,29 @@ values() {
 # descr FILE / shape_of FILE: an .npy file's element type and shape.
 descr() { head -c 100 "$1" | grep -a -o "'descr': '[^']*'" | cut -d"'" -f4; }
 shape_of() { head -c 128 "$1" | tr -d '\0' | grep -o "'shape': ([0-9, ]*)"; }
+
+# npy_custom FILE VERSION HEADERLEN DICT FORMAT VALUE...: an .npy file of format
+# VERSION (1, 2 or 3) whose header is DICT padded with spaces and a newline to
+# HEADERLEN bytes (0: to a 64-byte boundary, as numpy does), then the values
+# packed with perl's pack FORMAT (f<* float32, d<* float64, l<* int32, q<* int64, C* uint8).
+npy_custom() {
+  local file=$1; shift
+  perl -e '
+    my ($ver, $len, $dict, $fmt, @v) = @ARGV;
+    my $pre = $ver == 1 ? 10 : 12;
+    $len = int(($pre + length($dict) + 1 + 63) / 64) * 64 - $pre if $len == 0;
+    my $h = $dict . (" " x ($len - length($dict) - 1)) . "\n";
+    print "\x93NUMPY", chr($ver), "\x00", ($ver == 1 ? pack("v", $len) : pack("V", $len)),
+      $h, pack($fmt, @v);' "$@" > "$file"
+}
+
+# expect_stdout_error ARGS...: with standard output on a full device the
+# command fails with one line naming standard output and the reason.
+expect_stdout_error() {
+  local err status=0
+  err=$("$exe" "$@" 2>&1 >/dev/full) || status=$?
+  [ "$status" -ne 0 ] && [ "$status" -lt 128 ] || fail "'$*' >/dev/full exited $status"
+  [ "$(printf '%s\n' "$err" | wc -l)" -eq 1 ] || fail "'$*' >/dev/full printed: $err"
+  [ "$err" = "vemoproc: error: cannot write standard output: No space left on device" ] ||
+    fail "'$*' >/dev/full said: $err"
+}

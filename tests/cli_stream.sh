@@ -37,4 +37,8 @@ for bad in '300' '-1' '7x' '0x41'; do
 done
 if "$exe" stream missing.txt 2>err; then fail "missing file accepted"; fi
 grep -q 'no such file: missing.txt' err || fail "missing file message: $(cat err)"
+
+# Standard output on a full device: one line naming it, exit status 1.
+expect_stdout_error stream --show-prompt ids.txt
+expect_stdout_error stream --help
 echo "cli_stream: ok"

@@ -54,9 +54,33 @@ expect_error "standard input: Failed to decode image bytes" zentil - -o m.npy < 
 # Bad input: one error line, exit status 1, no output file.
 expect_error "no such file: missing.png" convnext missing.png -o m.npy
 expect_error "crop_pct must be in (0, 1\]" convnext rgb.ppm --crop-pct 1.5 -o m.npy
-expect_error "size must not be negative" zentil rgb.ppm --size -2 -o m.npy
+expect_error "--size: expects an integer from 1 to 2147483647, got .-2." zentil rgb.ppm --size -2 -o m.npy
 printf 'not an image' > junk.png
 expect_error "Failed to load image: junk.png" qwen2vl junk.png -o m.npy
 expect_error "patch-size" qwen2vl rgb.ppm --patch-size 0 -o m.npy
+# Options that would narrow or wrap in the library's int arithmetic.
+for v in 0 -1 4294967296; do
+  expect_error "--max-pixels: expects an integer from 1 to 2147483647, got '$v'" \
+    qwen2vl rgb.ppm --max-pixels "$v" -o m.npy
+done
+expect_error "--min-pixels: expects an integer from 0 to 2147483647" \
+  qwen2vl rgb.ppm --min-pixels -5 -o m.npy
+expect_error "--patch-size 65536 times --merge-size 32768 must fit int" \
+  qwen2vl rgb.ppm --patch-size 65536 --merge-size 32768 -o m.npy
+expect_error "--patch-size: expects an integer" qwen2vl rgb.ppm --patch-size -14 -o m.npy
+expect_error "--temporal-patch-size: expects an integer from 1 to 16" \
+  qwen2vl rgb.ppm --temporal-patch-size 17 -o m.npy
+expect_error "--min-pixels 5000 is above --max-pixels 4000" \
+  qwen2vl rgb.ppm --min-pixels 5000 --max-pixels 4000 -o m.npy
+expect_error "--size: expects an integer" convnext rgb.ppm --size 4294967297 -o m.npy
+expect_error "--size asks for 100000 x 100000 pixels" convnext rgb.ppm --size 100000 -o m.npy
+expect_error "--crop-pct: expects a finite number" convnext rgb.ppm --crop-pct nan -o m.npy
+expect_error "--size asks for" zentil rgb.ppm --size 20000 -o m.npy
 [ ! -e m.npy ] || fail "an output file was written on error"
+
+# Failed writes: the path and the reason.
+expect_error "cannot write /dev/full: No space left on device" convnext rgb.ppm -o /dev/full
+expect_error "cannot write /dev/full: No space left on device" zentil rgb.ppm --size 4 -o /dev/full
+expect_error "cannot write /dev/full: No space left on device" qwen2vl rgb.ppm -o /dev/full
+expect_stdout_error qwen2vl rgb.ppm -o ok.npy
 echo "cli_vision: ok"

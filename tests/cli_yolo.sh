@@ -32,4 +32,44 @@ expect_error "no such file: missing.png" yolo-preprocess missing.png -o x.npy
 expect_error "WIDTHxHEIGHT" yolo-preprocess --size 640 scene.png -o x.npy
 expect_error "layout cn" yolo-postprocess head_cn.npy --input-size 640x640 --image scene.png
 expect_error "is not an .npy file" yolo-postprocess scene.png --input-size 640x640 --image scene.png
+
+# Numeric options that would wrap or narrow are refused naming the option.
+expect_error "--max-det: expects an integer from 1 to" \
+  yolo-postprocess head.npy --input-size 640x640 --image scene.png --max-det -1
+expect_error "--max-det" yolo-postprocess head.npy --input-size 640x640 --image scene.png --max-det 0
+expect_error "--max-det" \
+  yolo-postprocess head.npy --input-size 640x640 --image scene.png --max-det 18446744073709551616
+expect_error "--conf: expects a finite number" \
+  yolo-postprocess head.npy --input-size 640x640 --image scene.png --conf nan
+expect_error "--iou: expects a finite number" \
+  yolo-postprocess head.npy --input-size 640x640 --image scene.png --iou 1e39
+expect_error "--thickness: expects an integer" \
+  yolo-postprocess head.npy --input-size 640x640 --image scene.png --thickness 2147483648
+expect_error "--size asks for 100000 x 100000 pixels, more than the pixel budget" \
+  yolo-preprocess --size 100000x100000 scene.png -o x.npy
+expect_error "--size asks for" demo --size 100000x100000 -o x.png
+
+# Failed writes: the path and the reason, exit status 1.
+expect_error "cannot write /dev/full: No space left on device" yolo-preprocess scene.png -o /dev/full
+expect_error "cannot write /dev/full: No space left on device" \
+  yolo-postprocess head.npy --input-size 640x640 --image scene.png --draw /dev/full
+expect_error "cannot write /dev/full: No space left on device" demo -o /dev/full
+expect_error "cannot write nodir/x.npy: No such file or directory" yolo-preprocess scene.png -o nodir/x.npy
+expect_stdout_error yolo-postprocess head.npy --input-size 640x640 --image scene.png
+expect_stdout_error yolo-preprocess scene.png -o ok.npy
+
+# A channel-first head without --layout: refused with the hint; --layout nc
+# reads it as rows when that is really meant.
+npy_custom cn.npy 1 0 "{'descr': '<f4', 'fortran_order': False, 'shape': (1, 84, 8400), }" \
+  "x$((84 * 8400 * 4))"
+expect_error "cn.npy: the head is \[84, 8400\], which looks channel-first; pass --layout cn" \
+  yolo-postprocess cn.npy --input-size 640x640 --image scene.png
+"$exe" yolo-postprocess cn.npy --layout cn --input-size 640x640 --image scene.png | grep -q '^0 detection' ||
+  fail "--layout cn on [1, 84, 8400]"
+"$exe" yolo-postprocess cn.npy --layout nc --input-size 640x640 --image scene.png | grep -q '^0 detection' ||
+  fail "--layout nc on [1, 84, 8400]"
+# --names given a directory.
+mkdir names.d
+expect_error "--names: names.d is a directory" \
+  yolo-postprocess head.npy --names names.d --input-size 640x640 --image scene.png
 echo "cli_yolo: ok"

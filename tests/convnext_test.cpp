@@ -121,10 +121,10 @@ TEST(ConvNextPreprocessor, ViewsGiveThePathResult) {
       ThrowsMessage<std::runtime_error>(HasSubstr("image.data")));
 }
 
-// A tiny file of extreme aspect ratio would need a 5,120,000 x 256 resize:
+// A tiny file of extreme aspect ratio would need a 2,048,000 x 256 resize:
 // refused before allocating, like any image over the pixel budget.
 TEST(ConvNextPreprocessor, ResizeTargetsAreHeldToThePixelBudget) {
-  const std::string path = testimg::write(testimg::solid(20000, 1, 9, 9, 9), Format::Png, "w.png");
+  const std::string path = testimg::write(testimg::solid(8000, 1, 9, 9, 9), Format::Png, "w.png");
   EXPECT_THAT([&] { ConvNextPreprocessor(224, 0.875f).process(path); },
               ThrowsMessage<std::runtime_error>("Failed to resize image"));
 }

@@ -1,9 +1,19 @@
 #include "cli_common.hpp"
 
+#include <cerrno>
 #include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iomanip>
 #include <iostream>
+#include <sstream>
+
+#include "npy.hpp"
+#include "pixels.hpp"
 
 namespace cli {
 
@@ -27,41 +37,103 @@ std::array<int, 2> parse_size(const std::string& text, const std::string& option
 }
 
 void require_file(const std::string& path) {
+  std::error_code ec;
+  if (std::filesystem::is_directory(path, ec)) throw std::runtime_error(path + " is a directory");
   std::ifstream in(path, std::ios::binary);
   if (!in) throw std::runtime_error("no such file: " + path);
 }
 
-// The element type of an .npy file, as its header's descr (e.g. "<i4").
-std::string npy_descr(const std::string& path) {
-  require_file(path);
-  std::ifstream in(path, std::ios::binary);
-  char magic[8] = {};
-  in.read(magic, sizeof magic);
-  if (!in || std::string(magic, 6) != "\x93NUMPY") {
-    throw std::runtime_error(path + " is not an .npy file");
+void write_file(const std::string& path, const std::string& bytes) {
+  const auto failed = [&](int err) {
+    return std::runtime_error("cannot write " + path + ": " + std::strerror(err));
+  };
+  std::FILE* f = std::fopen(path.c_str(), "wb");
+  if (f == nullptr) throw failed(errno);
+  if (std::fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size() || std::fflush(f) != 0) {
+    const int err = errno;
+    std::fclose(f);
+    throw failed(err);
   }
-  unsigned char size_bytes[4] = {};
-  const int width = magic[6] == 1 ? 2 : 4;  // header length field: 2 bytes in version 1
-  in.read(reinterpret_cast<char*>(size_bytes), width);
-  size_t header_size = 0;
-  for (int i = width - 1; i >= 0; --i) header_size = header_size * 256 + size_bytes[i];
-  std::string header(std::min<size_t>(header_size, 1 << 16), '\0');
-  in.read(header.data(), static_cast<std::streamsize>(header.size()));
-  const std::string key = "'descr': '";
-  const size_t at = header.find(key);
-  const size_t end = at == std::string::npos ? at : header.find('\'', at + key.size());
-  if (end == std::string::npos) throw std::runtime_error(path + ": .npy header has no descr");
-  return header.substr(at + key.size(), end - at - key.size());
+  if (std::fclose(f) != 0) throw failed(errno);
 }
 
 xt::xarray<float> load_npy_as_float(const std::string& path) {
-  const std::string descr = npy_descr(path);
-  if (descr == "<f4") return xt::load_npy<float>(path);
-  if (descr == "<f8") return xt::cast<float>(xt::load_npy<double>(path));
-  if (descr == "<i4") return xt::cast<float>(xt::load_npy<int32_t>(path));
-  if (descr == "<i8") return xt::cast<float>(xt::load_npy<int64_t>(path));
-  throw std::runtime_error(path + " holds " + descr +
-                           " values; expected float32, float64, int32 or int64");
+  const std::vector<uint8_t> bytes = read_file(path);
+  const NpyHeader header = parse_npy(bytes.data(), bytes.size(), path);
+  return npy_as_float(header, bytes.data());
+}
+
+CLI::Validator integer_in(long long lo, long long hi) {
+  const std::string range = std::to_string(lo) + " to " + std::to_string(hi);
+  return CLI::Validator(
+      [lo, hi, range](std::string& text) -> std::string {
+        long long v = 0;
+        const char* end = text.data() + text.size();
+        const auto r = std::from_chars(text.data(), end, v);
+        if (r.ec != std::errc() || r.ptr != end || v < lo || v > hi) {
+          return "expects an integer from " + range + ", got '" + text + "'";
+        }
+        return {};
+      },
+      "INT in [" + range + "]", "integer_in");
+}
+
+CLI::Validator unsigned_in(unsigned long long lo, unsigned long long hi) {
+  const std::string range = std::to_string(lo) + " to " + std::to_string(hi);
+  return CLI::Validator(
+      [lo, hi, range](std::string& text) -> std::string {
+        unsigned long long v = 0;
+        const char* end = text.data() + text.size();
+        const auto r = std::from_chars(text.data(), end, v);  // no sign accepted
+        if (r.ec != std::errc() || r.ptr != end || v < lo || v > hi) {
+          return "expects an integer from " + range + ", got '" + text + "'";
+        }
+        return {};
+      },
+      "INT in [" + range + "]", "unsigned_in");
+}
+
+CLI::Validator finite_float(double lo, double hi) {
+  return CLI::Validator(
+      [lo, hi](std::string& text) -> std::string {
+        // strtod, not from_chars: libstdc++ 9-10 lack the floating overloads.
+        errno = 0;
+        char* end = nullptr;
+        const double v = text.empty() ? 0.0 : std::strtod(text.c_str(), &end);
+        if (text.empty() || end != text.c_str() + text.size() || std::isspace(
+            static_cast<unsigned char>(text[0])) || !std::isfinite(v) || v < lo || v > hi) {
+          std::ostringstream range;
+          range << " from " << lo << " to " << hi;
+          const bool whole_range = lo <= -3.4e38 && hi >= 3.4e38;
+          return "expects a finite number" + (whole_range ? std::string() : range.str()) +
+                 ", got '" + text + "'";
+        }
+        return {};
+      },
+      "NUMBER", "finite_float");
+}
+
+void check_pixels(long long width, long long height, const std::string& option) {
+  const uint64_t budget = vemoproc::max_image_pixels();
+  if (width > 0 && height > 0 &&
+      static_cast<unsigned long long>(width) > budget / static_cast<unsigned long long>(height)) {
+    throw std::runtime_error(option + " asks for " + std::to_string(width) + " x " +
+                             std::to_string(height) + " pixels, more than the pixel budget (" +
+                             std::to_string(budget) + ")");
+  }
+}
+
+std::unique_ptr<CLI::App> make_app() {
+  auto app = std::make_unique<CLI::App>(
+      "vemoproc: model pre- and post-processing on files (detection, vision inputs, "
+      "speech-synthesis helpers, text streaming)");
+  app->require_subcommand(1);
+  app->set_help_all_flag("--help-all", "Show help for every subcommand");
+  add_yolo_commands(*app);
+  add_vision_commands(*app);
+  add_dia_commands(*app);
+  add_stream_command(*app);
+  return app;
 }
 
 Stage::Stage(int index, int count, const std::string& label)

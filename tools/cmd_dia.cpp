@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdint>
 #include <fstream>
+#include <iomanip>
 #include <iostream>
 #include <limits>
 #include <memory>
@@ -11,6 +12,7 @@
 #include <type_traits>
 
 #include "cli_common.hpp"
+#include "npy.hpp"
 #include "dia.hpp"
 
 namespace {
@@ -57,25 +59,55 @@ xt::xarray<T> from_float(const xt::xarray<float>& values) {
   return out;
 }
 
+// Codes pass through float on their way through the delay: integers beyond
+// +-2^24 (and float64 values float cannot hold) would come back changed.
+constexpr double kExactInFloat = 16777216.0;
+
+template <class T>
+xt::xarray<float> exact_codes(const cli::NpyHeader& header, const uint8_t* bytes,
+                              const std::string& path) {
+  const xt::xarray<T> values = cli::npy_values<T>(header, bytes, path);
+  for (const T v : values) {
+    bool exact = true;
+    if constexpr (std::is_integral_v<T>) {
+      exact = static_cast<double>(v) >= -kExactInFloat && static_cast<double>(v) <= kExactInFloat;
+    } else {
+      exact = std::isnan(v) || (std::abs(v) <= 3.4028234663852886e38 &&
+                                static_cast<double>(static_cast<float>(v)) == v);
+    }
+    if (!exact) {
+      std::ostringstream text;
+      text << std::setprecision(17) << v;
+      throw std::runtime_error(
+          "dia-delay: " + path + " holds the code " + text.str() +
+          ", which float cannot hold exactly (codes must lie within +-16777216)");
+    }
+  }
+  return xt::cast<float>(values);
+}
+
 // Runs `shift` on the file's values as float and writes the result back in
 // the file's own element type.
 template <class Shift>
 void shift_file(const std::string& in_path, const std::string& out_path, Shift shift) {
-  const std::string descr = cli::npy_descr(in_path);
-  if (descr == "<i4") {
-    cli::write_npy(out_path,
-                   from_float<int32_t>(shift(xt::cast<float>(xt::load_npy<int32_t>(in_path)))));
-  } else if (descr == "<i8") {
-    cli::write_npy(out_path,
-                   from_float<int64_t>(shift(xt::cast<float>(xt::load_npy<int64_t>(in_path)))));
-  } else if (descr == "<f4") {
-    cli::write_npy(out_path, shift(xt::load_npy<float>(in_path)));
-  } else if (descr == "<f8") {
-    cli::write_npy(out_path,
-                   from_float<double>(shift(xt::cast<float>(xt::load_npy<double>(in_path)))));
-  } else {
-    throw std::runtime_error(in_path + " holds " + descr +
-                             " values; expected int32, int64, float32 or float64");
+  const std::vector<uint8_t> bytes = cli::read_file(in_path);
+  const cli::NpyHeader header = cli::parse_npy(bytes.data(), bytes.size(), in_path);
+  const uint8_t* data = bytes.data();
+  switch (header.type) {
+    case cli::NpyType::Int32:
+      return cli::write_npy(
+          out_path, from_float<int32_t>(shift(exact_codes<int32_t>(header, data, in_path))));
+    case cli::NpyType::Int64:
+      return cli::write_npy(
+          out_path, from_float<int64_t>(shift(exact_codes<int64_t>(header, data, in_path))));
+    case cli::NpyType::Float32:
+      return cli::write_npy(out_path, shift(cli::npy_values<float>(header, data, in_path)));
+    case cli::NpyType::Float64:
+      return cli::write_npy(out_path,
+                            from_float<double>(shift(exact_codes<double>(header, data, in_path))));
+    default:
+      throw std::runtime_error(in_path + " holds " + header.descr +
+                               " values; expected int32, int64, float32 or float64");
   }
 }
 
@@ -87,9 +119,11 @@ void add_text(CLI::App& app) {
   auto out = std::make_shared<std::string>();
   cmd->add_option("script", *script, "Text to encode, speaker tags included")->required();
   cmd->add_option("--max-len", *max_len, "Token count (pad or cut)")
-      ->check(CLI::NonNegativeNumber)
+      ->check(cli::integer_in(0, 1 << 24))
       ->capture_default_str();
-  cmd->add_option("--pad", *pad, "Pad token")->check(CLI::Range(0, 255))->capture_default_str();
+  cmd->add_option("--pad", *pad, "Pad token")
+      ->check(cli::integer_in(0, 255))
+      ->capture_default_str();
   cmd->add_option("-o,--output", *out, "Write the [1, max-len] uint8 tokens as .npy");
   cmd->callback([=] {
     dia::DiaPreprocessor dp;
@@ -115,8 +149,11 @@ void add_delay(CLI::App& app) {
       ->required();
   cmd->add_option("--delays", *delays, "Per-channel delays, e.g. 0,8,9,10,11,12,13,14,15")
       ->required();
-  auto* bos_opt = cmd->add_option("--bos", *bos, "BOS code (for frames before a channel starts)");
-  cmd->add_option("--pad", *pad, "Pad code (for frames past the end)")->required();
+  auto* bos_opt = cmd->add_option("--bos", *bos, "BOS code (for frames before a channel starts)")
+                      ->check(cli::integer_in(-(1 << 24), 1 << 24));
+  cmd->add_option("--pad", *pad, "Pad code (for frames past the end)")
+      ->check(cli::integer_in(-(1 << 24), 1 << 24))
+      ->required();
   cmd->add_flag("--revert", *revert, "Shift the channels back instead");
   cmd->add_option("-o,--output", *out, "Output .npy, same element type as the input")->required();
   cmd->callback([=] {
@@ -132,6 +169,12 @@ void add_delay(CLI::App& app) {
         throw std::runtime_error("dia-delay: --delays has " + std::to_string(pattern.size()) +
                                  " entries but the codes have " + std::to_string(codes.shape(2)) +
                                  " channels");
+      }
+      for (size_t axis = 0; axis < 3; ++axis) {
+        if (codes.shape(axis) > static_cast<size_t>(std::numeric_limits<int>::max())) {
+          throw std::runtime_error("dia-delay: " + *in + " has an axis longer than " +
+                                   std::to_string(std::numeric_limits<int>::max()));
+        }
       }
       dia::DiaPreprocessor dp;
       const int B = static_cast<int>(codes.shape(0));
@@ -153,17 +196,33 @@ void add_sample(CLI::App& app) {
   auto temperature = std::make_shared<float>(1.3f);
   auto top_p = std::make_shared<float>(0.95f);
   auto top_k = std::make_shared<int>(35);
+  auto seed = std::make_shared<uint64_t>(0);
+  auto min_p = std::make_shared<float>(0.0f);
   cmd->add_option("logits", *in, "[C, V] logits (.npy: float32, float64, int32 or int64)")
       ->required();
-  cmd->add_option("--temperature", *temperature, "0 picks the argmax")->capture_default_str();
-  cmd->add_option("--top-p", *top_p, "Nucleus threshold (1 disables)")->capture_default_str();
-  cmd->add_option("--top-k", *top_k, "Best scores kept (0 disables)")->capture_default_str();
+  cmd->add_option("--temperature", *temperature, "0 picks the argmax")
+      ->check(cli::finite_float())
+      ->capture_default_str();
+  cmd->add_option("--top-p", *top_p, "Nucleus threshold (1 disables)")
+      ->check(cli::finite_float())
+      ->capture_default_str();
+  cmd->add_option("--top-k", *top_k, "Best scores kept (0 disables)")
+      ->check(cli::integer_in(0, std::numeric_limits<int>::max()))
+      ->capture_default_str();
+  auto* seed_opt =
+      cmd->add_option("--seed", *seed, "Reproducible draw: the same seed gives the same codes");
+  cmd->add_option("--min-p", *min_p, "Drop codes below this share of the row's best (0 disables)")
+      ->check(cli::finite_float())
+      ->needs(seed_opt)
+      ->capture_default_str();
   cmd->callback([=] {
     const xt::xarray<float> logits = cli::load_npy_as_float(*in);
     dia::DiaPreprocessor dp;
-    for (int code : dp.sampleNextToken(logits, *temperature, *top_p, *top_k)) {
-      std::cout << code << "\n";
-    }
+    const auto codes =
+        seed_opt->count() == 0
+            ? dp.sampleNextToken(logits, *temperature, *top_p, *top_k)
+            : dp.sampleNextToken(logits, {*temperature, *top_p, *top_k, *min_p}, *seed);
+    for (int code : codes) std::cout << code << "\n";
   });
 }
 

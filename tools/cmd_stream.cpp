@@ -154,6 +154,10 @@ void run_stream(const StreamOptions& opt) {
   ByteTokenizer tokenizer;
   TextStreamer streamer(tokenizer, out, !opt.show_prompt, !opt.keep_leading_space);
   stream_steps(in, streamer);
+  if (in.bad()) {
+    throw std::runtime_error("stream: cannot read " +
+                             (opt.input == "-" ? std::string("standard input") : opt.input));
+  }
 }
 
 }  // namespace

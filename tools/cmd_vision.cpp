@@ -4,6 +4,7 @@
 #include "cli_images.hpp"
 
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -60,10 +61,15 @@ void add_convnext(CLI::App& app) {
       "convnext", "ConvNeXt input: shortest-edge resize, centre crop, normalise -> [3, S, S]");
   cmd->add_option("image", args->image, kImageHelp)->required();
   cmd->add_option("--raw", args->raw, cli::kRawHelp);
-  cmd->add_option("--size", args->size, "Side of the square crop")->capture_default_str();
-  cmd->add_option("--crop-pct", args->crop_pct, "Crop fraction in (0, 1]")->capture_default_str();
+  cmd->add_option("--size", args->size, "Side of the square crop")
+      ->check(cli::integer_in(1, std::numeric_limits<int>::max()))
+      ->capture_default_str();
+  cmd->add_option("--crop-pct", args->crop_pct, "Crop fraction in (0, 1]")
+      ->check(cli::finite_float())
+      ->capture_default_str();
   cmd->add_option("-o,--output", args->output, "Output .npy file")->required();
   cmd->callback([args] {
+    cli::check_pixels(args->size, args->size, "--size");
     convnext::ConvNextPreprocessor pre(args->size, args->crop_pct);
     cli::write_npy(args->output, process_arg(pre, args->image, args->raw));
     std::cout << args->output << ": [3, " << args->size << ", " << args->size << "]\n";
@@ -76,9 +82,12 @@ void add_zentil(CLI::App& app) {
       "zentil", "Zentil input: stretch to a square, normalise to [-1, 1] -> [1, 3, S, S]");
   cmd->add_option("image", args->image, kImageHelp)->required();
   cmd->add_option("--raw", args->raw, cli::kRawHelp);
-  cmd->add_option("--size", args->size, "Side of the square output")->capture_default_str();
+  cmd->add_option("--size", args->size, "Side of the square output")
+      ->check(cli::integer_in(1, std::numeric_limits<int>::max()))
+      ->capture_default_str();
   cmd->add_option("-o,--output", args->output, "Output .npy file")->required();
   cmd->callback([args] {
+    cli::check_pixels(args->size, args->size, "--size");
     zentil::ZentilPreprocessor pre(args->size);
     cli::write_npy(args->output, process_arg(pre, args->image, args->raw));
     std::cout << args->output << ": [1, 3, " << args->size << ", " << args->size << "]\n";
@@ -94,19 +103,34 @@ void add_qwen2vl(CLI::App& app) {
                   "Image files, stacked in this order (- for an encoded image on standard input)")
       ->required();
   cmd->add_option("--raw", args->raw, cli::kRawHelp);
-  cmd->add_option("--min-pixels", args->min_pixels, "Lower pixel budget")->capture_default_str();
-  cmd->add_option("--max-pixels", args->max_pixels, "Upper pixel budget")->capture_default_str();
-  cmd->add_option("--patch-size", args->patch_size, "Patch side in pixels")
-      ->check(CLI::Range(size_t{1}, size_t{1} << 16))
+  // The library narrows the budgets and patch_size * merge_size to int.
+  constexpr long long kIntMax = std::numeric_limits<int>::max();
+  cmd->add_option("--min-pixels", args->min_pixels, "Lower pixel budget")
+      ->check(cli::integer_in(0, kIntMax))
       ->capture_default_str();
-  cmd->add_option("--temporal-patch-size", args->temporal_patch_size, "Frames per patch")
-      ->check(CLI::Range(size_t{1}, size_t{1} << 16))
+  cmd->add_option("--max-pixels", args->max_pixels, "Upper pixel budget")
+      ->check(cli::integer_in(1, kIntMax))
+      ->capture_default_str();
+  cmd->add_option("--patch-size", args->patch_size, "Patch side in pixels")
+      ->check(cli::unsigned_in(1, 1 << 16))
+      ->capture_default_str();
+  cmd->add_option("--temporal-patch-size", args->temporal_patch_size, "Frames per patch (1 to 16)")
+      ->check(cli::unsigned_in(1, 16))
       ->capture_default_str();
   cmd->add_option("--merge-size", args->merge_size, "Patches per merged block side")
-      ->check(CLI::Range(size_t{1}, size_t{1} << 16))
+      ->check(cli::unsigned_in(1, 1 << 16))
       ->capture_default_str();
   cmd->add_option("-o,--output", args->output, "Output .npy file of patch rows")->required();
   cmd->callback([args] {
+    if (args->patch_size * args->merge_size > static_cast<size_t>(kIntMax)) {
+      throw std::runtime_error("--patch-size " + std::to_string(args->patch_size) +
+                               " times --merge-size " + std::to_string(args->merge_size) +
+                               " must fit int (at most 2147483647)");
+    }
+    if (args->min_pixels > args->max_pixels) {
+      throw std::runtime_error("--min-pixels " + std::to_string(args->min_pixels) +
+                               " is above --max-pixels " + std::to_string(args->max_pixels));
+    }
     // Paths through the family's loader (its messages), standard input and
     // raw frames through the shared reader; all handed over as views.
     cli::check_stdin_once(args->images);

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <iomanip>
 #include <iostream>
+#include <limits>
 #include <random>
 
 #include <xtensor/xadapt.hpp>
@@ -22,6 +23,10 @@ namespace {
 
 std::vector<std::string> read_names(const std::string& path) {
   if (path.empty()) return {};
+  std::error_code ec;
+  if (std::filesystem::is_directory(path, ec)) {
+    throw std::runtime_error("--names: " + path + " is a directory, not a file of class names");
+  }
   cli::require_file(path);
   std::ifstream in(path);
   std::vector<std::string> names;
@@ -29,14 +34,23 @@ std::vector<std::string> read_names(const std::string& path) {
     if (!line.empty() && line.back() == '\r') line.pop_back();
     names.push_back(line);
   }
+  if (in.bad()) throw std::runtime_error("--names: cannot read " + path);
   return names;
 }
 
+// Encodes in memory, then writes through the checked writer (stb's own file
+// writer ignores failed writes).
 void write_png(const yolo::RawImage& image, const std::string& path) {
-  if (!stbi_write_png(path.c_str(), image.width, image.height, 3, image.data.data(),
-                      image.width * 3)) {
-    throw std::runtime_error("cannot write " + path);
+  std::string bytes;
+  const auto append = [](void* context, void* data, int size) {
+    static_cast<std::string*>(context)->append(static_cast<const char*>(data),
+                                               static_cast<size_t>(size));
+  };
+  if (!stbi_write_png_to_func(append, &bytes, image.width, image.height, 3, image.data.data(),
+                              image.width * 3)) {
+    throw std::runtime_error("cannot write " + path + ": PNG encoding failed");
   }
+  cli::write_file(path, bytes);
 }
 
 void print_detections(const std::vector<yolo::Detection>& dets,
@@ -53,13 +67,22 @@ void print_detections(const std::vector<yolo::Detection>& dets,
 }
 
 // The head as [N, C]: accepts [N, C] or [1, N, C], or the channel-first
-// [C, N] / [1, C, N] with layout "cn".
+// [C, N] / [1, C, N] with layout "cn". Without an explicit --layout, a head
+// whose first axis is much smaller than its second (e.g. [84, 8400]) is
+// refused as channel-first.
 xt::xtensor<float, 2> head_rows(xt::xarray<float> head, const std::string& layout,
-                                const std::string& path) {
+                                bool layout_given, const std::string& path) {
   if (head.dimension() == 3 && head.shape(0) == 1) head = xt::view(head, 0);
   if (head.dimension() != 2) {
     throw std::runtime_error(path + ": expected a head of shape [N, C] or [1, N, C], got " +
                              std::to_string(head.dimension()) + " axes");
+  }
+  const size_t first = head.shape(0), second = head.shape(1);
+  if (!layout_given && first >= 6 && second / 10 >= first) {
+    throw std::runtime_error(path + ": the head is [" + std::to_string(first) + ", " +
+                             std::to_string(second) +
+                             "], which looks channel-first; pass --layout cn (or --layout nc "
+                             "to read it as rows)");
   }
   if (layout == "cn") head = xt::transpose(head);
   if (head.shape(1) < 6) {
@@ -80,6 +103,7 @@ struct PreprocessArgs {
 
 void run_preprocess(const PreprocessArgs& a) {
   const auto shape = cli::parse_size(a.size, "--size");
+  cli::check_pixels(shape[0], shape[1], "--size");
   for (const auto& p : a.images) cli::require_file(p);
   const auto batch = yolo::preprocess(a.images, shape);
   cli::write_npy(a.output, batch);
@@ -99,6 +123,7 @@ struct PostprocessArgs {
   std::string names;
   std::string draw;
   std::string layout = "nc";
+  bool layout_given = false;
   int thickness = 2;
 };
 
@@ -107,7 +132,7 @@ void run_postprocess(const PostprocessArgs& a) {
   const auto names = read_names(a.names);
   cli::require_file(a.image);
   yolo::RawImage image(a.image);
-  const auto head = head_rows(cli::load_npy_as_float(a.head), a.layout, a.head);
+  const auto head = head_rows(cli::load_npy_as_float(a.head), a.layout, a.layout_given, a.head);
   const auto dets =
       yolo::postprocess(head, {static_cast<size_t>(in[1]), static_cast<size_t>(in[0])},
                         {static_cast<size_t>(image.height), static_cast<size_t>(image.width)},
@@ -217,6 +242,7 @@ struct DemoArgs {
 
 void run_demo(const DemoArgs& a) {
   const auto net = cli::parse_size(a.size, "--size");
+  cli::check_pixels(net[0], net[1], "--size");
   constexpr int kStages = 6;
   yolo::RawImage scene;
   std::vector<SceneObject> objects;
@@ -282,18 +308,27 @@ void add_yolo_commands(CLI::App& app) {
   q->add_option("--image", post->image, "The original image (for its size, and --draw)")
       ->required();
   q->add_option("--conf", post->conf, "Confidence threshold (strictly above)")
+      ->check(cli::finite_float())
       ->capture_default_str();
   q->add_option("--iou", post->iou, "NMS IoU threshold (strictly above suppresses)")
+      ->check(cli::finite_float())
       ->capture_default_str();
-  q->add_option("--max-det", post->max_det, "Most detections kept")->capture_default_str();
+  q->add_option("--max-det", post->max_det, "Most detections kept")
+      ->check(cli::unsigned_in(1, std::numeric_limits<size_t>::max()))
+      ->capture_default_str();
   q->add_option("--names", post->names, "Class names file, one per line");
   q->add_option("--draw", post->draw, "Write the image with boxes and labels to this PNG");
-  q->add_option("--layout", post->layout, "nc: rows are boxes; cn: channel-first [C, N] heads")
-      ->check(CLI::IsMember({"nc", "cn"}))
-      ->capture_default_str();
+  auto* layout =
+      q->add_option("--layout", post->layout, "nc: rows are boxes; cn: channel-first [C, N] heads")
+          ->check(CLI::IsMember({"nc", "cn"}))
+          ->capture_default_str();
   q->add_option("--thickness", post->thickness, "Box outline width in pixels")
+      ->check(cli::integer_in(1, std::numeric_limits<int>::max()))
       ->capture_default_str();
-  q->callback([post] { run_postprocess(*post); });
+  q->callback([post, layout] {
+    post->layout_given = layout->count() > 0;
+    run_postprocess(*post);
+  });
 
   auto demo = std::make_shared<DemoArgs>();
   auto* d =
