@@ -160,7 +160,17 @@ TEST(ResizePaths, EveryImageFamilyGivesTheSameResultOnEveryPath) {
   const auto letterbox = [&] { return yolo::letterbox(raw, {640, 640}).data; };
   const auto convnext = [&] { return xt::xarray<float>(convnext_pre.process(view)); };
   const auto zentil = [&] { return xt::xarray<float>(zentil_pre.process(view)); };
-  const auto qwen_patches = [&] { return xt::xarray<float>(qwen.preprocess({view}).patches); };
+  // A Qwen2-VL batch of three sizes: images spread over the threads.
+  const std::vector<uint8_t> small = picture(300, 200, 900, 43);
+  const vemoproc::ImageView small_view{small.data(), 300, 200, 0, vemoproc::PixelFormat::RGB};
+  const vemoproc::ImageView crop_view{rgb.data() + 3 * 17, 640, 500, static_cast<size_t>(w) * 3,
+                                      vemoproc::PixelFormat::RGB};
+  const auto qwen_patches = [&] {
+    const auto out = qwen.preprocess({view, small_view, crop_view});
+    xt::xarray<float> rows = out.patches;
+    EXPECT_EQ(out.grid_thw.shape(0), 3u);
+    return rows;
+  };
 
   const auto want_letterbox = on_path(kPaths[0], letterbox);
   const auto want_convnext = on_path(kPaths[0], convnext);
