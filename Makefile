@@ -10,7 +10,7 @@ SANITIZE := $(BUILD)/asan
 THREAD := $(BUILD)/tsan
 CMAKE_COMMON := -DCMAKE_BUILD_TYPE=Release
 
-.PHONY: all setup build test test-release test-sanitize test-thread ci demo bench bench-peers fuzz install format clean
+.PHONY: all setup build test test-release test-sanitize test-thread test-arm64 test-arm64-build test-static package ci demo bench bench-peers fuzz install format clean
 
 all: build
 
@@ -45,10 +45,50 @@ test-thread: setup
 	cmake --build $(THREAD) -j$(JOBS)
 	TSAN_OPTIONS=halt_on_error=1 ctest --test-dir $(THREAD) --output-on-failure -j$(JOBS)
 
-# What CI runs: the test command, the ThreadSanitizer suite and a short fuzz
-# smoke run of every harness.
+# The suite cross-built for 64-bit ARM (release) and run under qemu's
+# user-mode emulator: GoogleTest is built for arm64 from Debian's source
+# package first, then the library, the tool and the tests. Benchmarks, fuzzers
+# and the installed-package checks (host programs) are left out.
+ARM64 := $(BUILD)/arm64
+ARM64_TOOLCHAIN := $(CURDIR)/cmake/toolchain-aarch64.cmake
+test-arm64-build: setup
+	@if [ ! -f $(ARM64)/gtest/prefix/.done ]; then \
+	  cmake -S /usr/src/googletest -B $(ARM64)/gtest/build -DCMAKE_BUILD_TYPE=Release \
+	    -DCMAKE_TOOLCHAIN_FILE=$(ARM64_TOOLCHAIN) -DCMAKE_INSTALL_PREFIX=$(CURDIR)/$(ARM64)/gtest/prefix >/dev/null && \
+	  cmake --build $(ARM64)/gtest/build -j$(JOBS) && \
+	  cmake --install $(ARM64)/gtest/build >/dev/null && touch $(ARM64)/gtest/prefix/.done; fi
+	cmake -S . -B $(ARM64)/release $(CMAKE_COMMON) -DCMAKE_TOOLCHAIN_FILE=$(ARM64_TOOLCHAIN) \
+	  -DCMAKE_PREFIX_PATH=$(CURDIR)/$(ARM64)/gtest/prefix -DVEMOPROC_BUILD_BENCH=OFF >/dev/null
+	cmake --build $(ARM64)/release -j$(JOBS)
+
+test-arm64: test-arm64-build
+	ctest --test-dir $(ARM64)/release --output-on-failure -j$(JOBS)
+
+# The library as a static archive: its installed CMake package and
+# pkg-config file (with the archive's private dependencies) build and run the
+# consumer program. Only the library and the tool are built.
+STATIC := $(BUILD)/static
+test-static: setup
+	cmake -S . -B $(STATIC) $(CMAKE_COMMON) -DBUILD_SHARED_LIBS=OFF -DVEMOPROC_BUILD_BENCH=OFF >/dev/null
+	cmake --build $(STATIC) -j$(JOBS) --target vemoproc vemoproc_cli
+	ctest --test-dir $(STATIC) --output-on-failure -R '^installed_package_consumer$$'
+
+# Debian packages (library, headers, CMake package, pkg-config file, tool):
+# one for the host architecture from the release build and one for arm64
+# from the cross build, copied into $(BUILD)/packages.
+package: build test-arm64-build
+	cd $(RELEASE) && cpack >/dev/null
+	cd $(ARM64)/release && cpack >/dev/null
+	mkdir -p $(BUILD)/packages
+	cp $(RELEASE)/*.deb $(ARM64)/release/*.deb $(BUILD)/packages/
+	@ls $(BUILD)/packages
+
+# What CI runs: the test command, the ThreadSanitizer suite, a short fuzz
+# smoke run of every harness, the aarch64 suite under qemu, the static
+# library's consumer check and the packages.
 ci: test test-thread
 	bash fuzz/run.sh $(BUILD)/fuzz 20
+	$(MAKE) test-arm64 test-static package
 
 demo: build
 	$(RELEASE)/tools/vemoproc demo

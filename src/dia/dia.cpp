@@ -262,6 +262,7 @@ xt::xarray<float> shift_block(const char* function, const xt::xarray<float>& aud
   float* o = out.data();
   size_t i = 0;
 #if defined(__x86_64__) || defined(__i386__)
+  // The shared switch, so that tests can force the portable loop below.
   if (vemoproc::detail::use_avx2()) i = shift_avx2(a, g, t, o, n, lo, below, hi, above);
 #endif
   for (; i < n; ++i) {

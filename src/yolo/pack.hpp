@@ -80,6 +80,7 @@ __attribute__((target("avx2"))) inline size_t pack_planar_avx2(const uint8_t* rg
 inline void pack_planar_row(const uint8_t* rgb, size_t pixels, float* r, float* g, float* b) {
   size_t i = 0;
 #if defined(__x86_64__) || defined(__i386__)
+  // The shared switch, so that tests can force the portable loop below.
   if (vemoproc::detail::use_avx2()) i = pack_planar_avx2(rgb, pixels, r, g, b);
 #endif
   const std::array<float, 256>& lut = unit_scale_table();

@@ -1,5 +1,6 @@
-// Object detection, top to bottom: load -> letterbox -> pack (preprocess),
-// decode -> NMS -> undo letterbox (postprocess), and drawing.
+// Object detection, top to bottom: load or borrow pixels -> letterbox -> pack
+// (preprocess, preprocess_images), decode -> NMS -> undo the letterbox
+// (postprocess and its geometry overloads), and drawing.
 #include "yolo.hpp"
 
 #include <algorithm>
@@ -110,6 +111,8 @@ struct LetterboxBlock {
 // resampler cannot do.
 LetterboxBlock letterbox_block(const vemoproc::detail::RgbSource& rgb,
                                const std::array<int, 2>& new_shape) {
+  // The letterboxed image (the target box) is held to the decoding budget.
+  if (!vemoproc::detail::within_pixel_budget(new_shape[0], new_shape[1])) throw resize_failed();
   LetterboxBlock block;
   block.geometry = letterbox_geometry(rgb.width(), rgb.height(), new_shape);
   const int new_w = block.geometry.new_width;
@@ -225,11 +228,12 @@ DetectionBatch preprocess_images(const std::vector<vemoproc::ImageView>& images,
   out.letterbox.resize(images.size());
   const size_t W = out.tensor.shape(3);
   const size_t H = out.tensor.shape(2);
+  // One image per thread with vemoproc::set_num_threads (in order by default).
   vemoproc::detail::parallel_for_each_item(images.size(), [&](size_t i) {
     const std::string name = "preprocess_images(): images[" + std::to_string(i) + "]";
     vemoproc::detail::check_view(images[i], name.c_str());
     // RGB views are borrowed as they are; other formats are converted, one
-    // image per thread at a time.
+    // image at a time.
     const vemoproc::detail::RgbSource rgb(images[i]);
     const LetterboxBlock block = letterbox_block(rgb, new_shape);
     pack_letterboxed(block, W, H, out.tensor.data() + i * 3 * W * H);
@@ -275,12 +279,9 @@ constexpr size_t kBlock = 256;
 // The best class of candidates [i0, i0 + count): score[k] is the reduction
 // acc = (acc > v ? acc : v) from the lowest finite float over the class values
 // v, best[k] the first index of a strictly greater value. With objectness each
-// v is column 4 times the class score. Row-major rows without objectness
-// whose class values are none above `threshold` keep the starting score (they
-// cannot pass the filter whatever their maximum), found in one vectorised pass.
+// v is column 4 times the class score.
 template <bool kObjectness>
-void best_classes(const HeadView& head, size_t i0, size_t count, float threshold, float* score,
-                  uint32_t* best) {
+void best_classes(const HeadView& head, size_t i0, size_t count, float* score, uint32_t* best) {
   const size_t first = kObjectness ? 5 : 4;
   float best_value[kBlock];
   float scale[kBlock];
@@ -306,11 +307,6 @@ void best_classes(const HeadView& head, size_t i0, size_t count, float threshold
   }
   for (size_t k = 0; k < count; ++k) {
     const float* row = head.data + (i0 + k) * head.c;
-    if (!kObjectness) {
-      int above = score[k] > threshold;
-      for (size_t j = first; j < head.c; ++j) above += row[j] > threshold;
-      if (above == 0) continue;
-    }
     float acc = score[k];
     float top = best_value[k];
     uint32_t cls = 0;
@@ -338,9 +334,9 @@ std::vector<float> select_candidates(const HeadView& head, const Selection& sel)
   for (size_t i0 = 0; i0 < head.n; i0 += kBlock) {
     const size_t count = std::min(kBlock, head.n - i0);
     if (sel.objectness) {
-      best_classes<true>(head, i0, count, sel.conf_threshold, score, best);
+      best_classes<true>(head, i0, count, score, best);
     } else {
-      best_classes<false>(head, i0, count, sel.conf_threshold, score, best);
+      best_classes<false>(head, i0, count, score, best);
     }
     for (size_t k = 0; k < count; ++k) {
       if (!(score[k] > sel.conf_threshold)) continue;

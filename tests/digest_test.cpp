@@ -1,0 +1,481 @@
+// Every deterministic entry point run over a fixed data set made here (images
+// in several formats and shapes, detection heads, logits, audio-code blocks,
+// token streams), each result reduced to a 64-bit FNV-1a digest of its bytes
+// and compared with tests/digests.txt. The same table must hold on every
+// architecture and with the wide vector paths on or off, so any change to a
+// result shows up everywhere at once.
+//
+// Regenerating after an intended change (commit the file with the change):
+//   VEMOPROC_UPDATE_DIGESTS=1 build/release/tests/digest_test
+// rewrites the entries of the families that ran and keeps the others.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "../src/pixels/cpu.hpp"
+#include "convnext.hpp"
+#include "dia.hpp"
+#include "pixels.hpp"
+#include "qwen2vl.hpp"
+#include "streamer.hpp"
+#include "test_images.hpp"
+#include "yolo.hpp"
+#include "zentil.hpp"
+
+namespace {
+
+using testimg::Format;
+
+// FNV-1a, 64 bits, fed byte by byte.
+struct Fnv {
+  uint64_t h = 14695981039346656037ull;
+  void bytes(const void* p, size_t n) {
+    const auto* b = static_cast<const unsigned char*>(p);
+    for (size_t i = 0; i < n; ++i) h = (h ^ b[i]) * 1099511628211ull;
+  }
+  void u64(uint64_t v) { bytes(&v, sizeof v); }
+  void text(const std::string& s) {
+    u64(s.size());
+    bytes(s.data(), s.size());
+  }
+};
+
+// Shape first, then the elements' bytes (bool as one byte each).
+template <class E>
+void add_tensor(Fnv& f, const E& t) {
+  f.u64(t.dimension());
+  for (size_t d : t.shape()) f.u64(d);
+  for (const auto& v : t) {
+    const auto value = v;
+    f.bytes(&value, sizeof value);
+  }
+}
+
+// The results of one family: name -> digest, in a fixed order.
+using Results = std::map<std::string, uint64_t>;
+
+struct Recorder {
+  std::string family;
+  Results out;
+
+  // Runs `compute` and records its digest; an exception is a result too (its
+  // message is digested).
+  void add(const std::string& name, const std::function<void(Fnv&)>& compute) {
+    Fnv f;
+    try {
+      compute(f);
+    } catch (const std::exception& e) {
+      f = Fnv{};
+      f.text(std::string("threw: ") + e.what());
+    }
+    out[family + "." + name] = f.h;
+  }
+};
+
+// A small linear congruential generator: the same numbers everywhere.
+struct Lcg {
+  uint32_t s;
+  uint32_t next() { return s = s * 1664525u + 1013904223u; }
+  float unit() { return float(next() >> 8) / 16777216.0f; }  // [0, 1)
+};
+
+// Smooth gradients, a hard edge and some noise: enough structure for the
+// resizers and the JPEG coder to have work to do.
+testimg::Pixels pattern(int w, int h, int channels, uint32_t seed) {
+  Lcg rng{seed};
+  std::vector<uint8_t> noise(static_cast<size_t>(w) * h);
+  for (auto& n : noise) n = uint8_t(rng.next() >> 27);
+  return testimg::make(w, h, channels, [&](int x, int y, int c) {
+    const int base = (x * 255 / std::max(1, w - 1) + y * 128 / std::max(1, h - 1) + c * 70) & 255;
+    const int edge = (x > w / 3 && y < 2 * h / 3) ? 60 : 0;
+    return uint8_t((base + edge + noise[size_t(y) * w + x]) & 255);
+  });
+}
+
+struct TestImage {
+  std::string name;
+  int width, height, channels;
+  Format format;
+};
+
+// Formats, channel counts, odd sizes and extreme aspect ratios.
+const std::vector<TestImage>& images() {
+  static const std::vector<TestImage> list = {
+      {"rgb_64x48.png", 64, 48, 3, Format::Png},   {"grey_33x17.png", 33, 17, 1, Format::Png},
+      {"ga_20x21.png", 20, 21, 2, Format::Png},    {"rgba_31x29.png", 31, 29, 4, Format::Png},
+      {"one_1x1.png", 1, 1, 3, Format::Png},       {"wide_400x3.png", 400, 3, 3, Format::Png},
+      {"tall_2x300.png", 2, 300, 3, Format::Png},  {"rgb_64x48.jpg", 64, 48, 3, Format::Jpeg},
+      {"grey_45x31.jpg", 45, 31, 1, Format::Jpeg}, {"odd_17x3.jpg", 17, 3, 3, Format::Jpeg},
+      {"rgb_37x23.bmp", 37, 23, 3, Format::Bmp},   {"rgba_12x9.bmp", 12, 9, 4, Format::Bmp},
+      {"rgb_29x41.tga", 29, 41, 3, Format::Tga},   {"rgba_8x8.tga", 8, 8, 4, Format::Tga},
+  };
+  return list;
+}
+
+// Writes the data set once per process; returns name -> path.
+const std::map<std::string, std::string>& image_paths() {
+  static const std::map<std::string, std::string> paths = [] {
+    std::map<std::string, std::string> p;
+    uint32_t seed = 1;
+    for (const TestImage& t : images())
+      p[t.name] = testimg::write(pattern(t.width, t.height, t.channels, seed++), t.format, t.name);
+    return p;
+  }();
+  return paths;
+}
+
+void image_family(Recorder& r) {
+  using vemoproc::PixelFormat;
+  using vemoproc::Rotation;
+  for (const auto& [name, path] : image_paths()) {
+    const std::vector<uint8_t> bytes = testimg::read_bytes(path);
+    r.add("file." + name, [&](Fnv& f) { f.bytes(bytes.data(), bytes.size()); });
+    r.add("decode." + name, [&](Fnv& f) {
+      const vemoproc::Image img = vemoproc::decode_image(bytes.data(), bytes.size());
+      f.u64(uint64_t(img.width) << 32 | uint64_t(img.height));
+      f.bytes(img.rgb.data(), img.rgb.size());
+    });
+  }
+  const vemoproc::Image img = testimg::decode(image_paths().at("rgb_37x23.bmp"));
+  for (PixelFormat pf : {PixelFormat::RGB, PixelFormat::BGR, PixelFormat::RGBA, PixelFormat::BGRA,
+                         PixelFormat::GRAY})
+    for (Rotation rot :
+         {Rotation::None, Rotation::Clockwise90, Rotation::Rotate180, Rotation::Clockwise270}) {
+      const testimg::Layout l = testimg::lay_out(img, pf, 3);
+      r.add("to_rgb.view" + std::to_string(int(pf)) + ".rot" + std::to_string(int(rot)),
+            [&](Fnv& f) {
+              const vemoproc::Image out = vemoproc::to_rgb(l.view, rot);
+              f.bytes(out.rgb.data(), out.rgb.size());
+            });
+    }
+  // A YUV 4:2:0 frame, odd-sized and with rows long enough for the wide path.
+  const int w = 37, h = 23, cw = 19, ch = 12;
+  Lcg rng{77};
+  std::vector<uint8_t> Y(size_t(w) * h), U(size_t(cw) * ch), V(size_t(cw) * ch),
+      UV(size_t(2 * cw) * ch);
+  for (auto& v : Y) v = uint8_t(rng.next() >> 24);
+  for (size_t i = 0; i < U.size(); ++i) {
+    U[i] = UV[2 * i] = uint8_t(rng.next() >> 24);
+    V[i] = UV[2 * i + 1] = uint8_t(rng.next() >> 24);
+  }
+  using vemoproc::YuvLayout;
+  using vemoproc::YuvRange;
+  for (YuvLayout lay : {YuvLayout::NV12, YuvLayout::NV21, YuvLayout::I420})
+    for (YuvRange range : {YuvRange::Video, YuvRange::Full})
+      for (Rotation rot : {Rotation::None, Rotation::Clockwise90}) {
+        const bool planar = lay == YuvLayout::I420;
+        const vemoproc::YuvView frame{Y.data(),
+                                      size_t(w),
+                                      planar ? U.data() : UV.data(),
+                                      planar ? size_t(cw) : size_t(2 * cw),
+                                      planar ? V.data() : nullptr,
+                                      size_t(cw),
+                                      w,
+                                      h,
+                                      lay,
+                                      range};
+        r.add("to_rgb.yuv" + std::to_string(int(lay)) + "." + std::to_string(int(range)) + ".rot" +
+                  std::to_string(int(rot)),
+              [&](Fnv& f) {
+                const vemoproc::Image out = vemoproc::to_rgb(frame, rot);
+                f.bytes(out.rgb.data(), out.rgb.size());
+              });
+      }
+}
+
+// A raw head [rows, 4 + classes]: centres across the input, assorted sizes,
+// scores from 0 to 1 with repeats (ties) among them.
+xt::xtensor<float, 2> detection_head(size_t rows, size_t classes, float side, uint32_t seed) {
+  Lcg rng{seed};
+  xt::xtensor<float, 2> head = xt::zeros<float>({rows, 4 + classes});
+  for (size_t i = 0; i < rows; ++i) {
+    head(i, 0) = rng.unit() * side;
+    head(i, 1) = rng.unit() * side;
+    head(i, 2) = 2.0f + rng.unit() * side / 3;
+    head(i, 3) = 2.0f + rng.unit() * side / 3;
+    for (size_t c = 0; c < classes; ++c) head(i, 4 + c) = (rng.next() & 7) == 0 ? 0.5f : rng.unit();
+  }
+  return head;
+}
+
+void add_detections(Fnv& f, const std::vector<yolo::Detection>& dets) {
+  f.u64(dets.size());
+  for (const yolo::Detection& d : dets) {
+    const float v[5] = {d.x1, d.y1, d.x2, d.y2, d.score};
+    f.bytes(v, sizeof v);
+    f.u64(uint64_t(int64_t(d.class_id)));
+  }
+}
+
+void yolo_family(Recorder& r) {
+  for (const auto& [name, path] : image_paths()) {
+    r.add("preprocess64." + name, [&](Fnv& f) {
+      add_tensor(f, yolo::preprocess({path}, {64, 64}));
+    });
+    r.add("letterbox80x48." + name, [&](Fnv& f) {
+      const yolo::RawImage lb = yolo::letterbox(yolo::RawImage(path), {80, 48});
+      f.u64(uint64_t(lb.width) << 32 | uint64_t(lb.height));
+      f.bytes(lb.data.data(), lb.data.size());
+    });
+  }
+  r.add("preprocess_batch", [&](Fnv& f) {
+    const auto& p = image_paths();
+    add_tensor(
+        f, yolo::preprocess({p.at("rgb_64x48.jpg"), p.at("rgb_29x41.tga"), p.at("odd_17x3.jpg")},
+                            {96, 40}));
+  });
+  r.add("postprocess.wide", [&](Fnv& f) {
+    add_detections(f, yolo::postprocess(detection_head(400, 6, 640, 5), {640, 640}, {480, 720},
+                                        0.25f, 0.45f, 100));
+  });
+  r.add("postprocess.tight", [&](Fnv& f) {
+    add_detections(f, yolo::postprocess(detection_head(200, 3, 320, 6), {320, 320}, {17, 1000},
+                                        0.6f, 0.7f, 5));
+  });
+  r.add("postprocess.none_above", [&](Fnv& f) {
+    add_detections(
+        f, yolo::postprocess(detection_head(50, 2, 64, 7), {64, 64}, {64, 64}, 1.0f, 0.5f, 10));
+  });
+  r.add("draw", [&](Fnv& f) {
+    yolo::RawImage img(image_paths().at("rgb_64x48.png"));
+    const auto dets =
+        yolo::postprocess(detection_head(30, 4, 64, 8), {64, 64}, {48, 64}, 0.5f, 0.45f, 6);
+    yolo::draw_detections(img, dets, {"person", "car"}, true, 2);
+    yolo::draw_detections(img, {{-5, 3, 1e9f, NAN, 0.25f, -3}}, {}, false, 1);
+    f.bytes(img.data.data(), img.data.size());
+  });
+}
+
+void vision_family(Recorder& r) {
+  qwen2vl::Qwen2VLImageProcessor qwen(true, 56 * 56, 28 * 28 * 16, true, 1.0f / 255, true,
+                                      qwen2vl::kDefaultImageMean, qwen2vl::kDefaultImageStd, 14, 2,
+                                      2);
+  for (const auto& [name, path] : image_paths()) {
+    r.add("convnext64." + name,
+          [&](Fnv& f) { add_tensor(f, convnext::ConvNextPreprocessor(64, 0.875f).process(path)); });
+    r.add("zentil32." + name,
+          [&](Fnv& f) { add_tensor(f, zentil::ZentilPreprocessor(32).process(path)); });
+    r.add("qwen2vl." + name, [&](Fnv& f) {
+      const auto out = qwen.preprocess(path);
+      add_tensor(f, out.patches);
+      add_tensor(f, out.grid_thw);
+    });
+  }
+  const std::string big = image_paths().at("rgb_64x48.jpg");
+  r.add("convnext384",
+        [&](Fnv& f) { add_tensor(f, convnext::ConvNextPreprocessor(384, 0.875f).process(big)); });
+  r.add("qwen2vl.batch", [&](Fnv& f) {
+    const auto a = qwen2vl::Qwen2VLImageProcessor::load_image(big);
+    const auto b = qwen2vl::Qwen2VLImageProcessor::load_image(image_paths().at("wide_400x3.png"));
+    const auto out = qwen.preprocess(std::vector<xt::xtensor<uint8_t, 3>>{a, b});
+    add_tensor(f, out.patches);
+    add_tensor(f, out.grid_thw);
+  });
+  r.add("qwen2vl.resize_image", [&](Fnv& f) {
+    const auto a = qwen2vl::Qwen2VLImageProcessor::load_image(image_paths().at("rgba_31x29.png"));
+    add_tensor(f, qwen2vl::resize_image(a, 56, 28));
+    add_tensor(f, qwen2vl::resize_image(a, 3, 97));
+  });
+  r.add("qwen2vl.smart_resize", [&](Fnv& f) {
+    for (int hgt : {1, 27, 28, 29, 111, 480, 1080, 5000})
+      for (int wid : {1, 14, 56, 333, 640, 1920, 40000}) {
+        try {
+          const auto [nh, nw] = qwen2vl::smart_resize(hgt, wid, 28, 56 * 56, 28 * 28 * 1280);
+          f.u64(uint64_t(nh) << 32 | uint64_t(nw));
+        } catch (const std::exception& e) {
+          f.text(e.what());
+        }
+      }
+  });
+  r.add("qwen2vl.sample_frame_indices", [&](Fnv& f) {
+    for (int total : {1, 7, 16, 300})
+      for (float fps : {2.0f, 29.97f}) {
+        for (int i : qwen2vl::sample_frame_indices(total, fps, 2.0f, 4, 768, 2))
+          f.u64(uint64_t(int64_t(i)));
+        f.u64(~0ull);
+      }
+  });
+}
+
+void dia_family(Recorder& r) {
+  dia::DiaPreprocessor dp;
+  r.add("text", [&](Fnv& f) {
+    add_tensor(f, dp.prepareTextInput("[S1] Hello there. [S2] w\xc3\xb6rld [S1]", 0, 48));
+    add_tensor(f, dp.prepareTextInput("[S2]cut short", 7, 5));
+  });
+  // Blocks with a short and a long frame axis; nine channels reach the
+  // eight-a-step path.
+  struct Shape {
+    int B, T, C;
+    std::vector<int> delays;
+  };
+  for (const Shape& s :
+       {Shape{2, 9, 4, {0, 1, 3, 7}}, Shape{1, 40, 9, {0, 8, 9, 10, 11, 12, 13, 14, 15}}}) {
+    const std::string tag =
+        std::to_string(s.B) + "x" + std::to_string(s.T) + "x" + std::to_string(s.C);
+    xt::xarray<float> audio = xt::zeros<float>({size_t(s.B), size_t(s.T), size_t(s.C)});
+    for (size_t i = 0; i < audio.size(); ++i) audio.flat(i) = float(i) * 1.5f - 3.0f;
+    r.add("delay." + tag, [&](Fnv& f) {
+      const auto idx = dp.buildDelayIndices(s.B, s.T, s.C, s.delays);
+      add_tensor(f, std::get<0>(idx));
+      add_tensor(f, std::get<1>(idx));
+      add_tensor(f, dp.applyAudioDelay(audio, -1.0f, -2.0f, idx));
+    });
+    r.add("revert." + tag, [&](Fnv& f) {
+      const auto idx = dp.buildRevertIndices(s.B, s.T, s.C, s.delays);
+      add_tensor(f, std::get<0>(idx));
+      add_tensor(f, std::get<1>(idx));
+      add_tensor(f, dp.revertAudioDelay(audio, -1.0f, idx, s.T));
+    });
+  }
+  r.add("prompt", [&](Fnv& f) {
+    xt::xarray<int> prompt = xt::zeros<int>({5, 4});
+    for (size_t i = 0; i < prompt.size(); ++i) prompt.flat(i) = int(i * 37 % 1024);
+    const auto [with, n] = dp.prepareAudioPrompt(&prompt, 1026, 1025, 4, {0, 1, 2, 5});
+    add_tensor(f, with);
+    f.u64(uint64_t(n));
+    const auto [without, m] = dp.prepareAudioPrompt(nullptr, 1026, 1025, 4, {0, 1, 2, 5});
+    add_tensor(f, without);
+    f.u64(uint64_t(m));
+  });
+  r.add("masks", [&](Fnv& f) {
+    xt::xarray<bool> q = xt::zeros<bool>({2, 5});
+    xt::xarray<bool> k = xt::zeros<bool>({2, 7});
+    for (size_t i = 0; i < q.size(); ++i) q.flat(i) = i % 3 != 1;
+    for (size_t i = 0; i < k.size(); ++i) k.flat(i) = i % 4 != 2;
+    add_tensor(f, dp.createAttnMask(q, k, true));
+    add_tensor(f, dp.createAttnMask(q, k, false));
+  });
+  // Logits with ties; greedy decoding, and top-k / top-p so narrow that only
+  // the most probable code can be drawn, are exact.
+  Lcg rng{99};
+  xt::xarray<float> logits = xt::zeros<float>({9, 1031});
+  for (size_t i = 0; i < logits.size(); ++i)
+    logits.flat(i) = float(int(rng.next() >> 20) % 400) / 16.0f - 12.0f;
+  r.add("sample.greedy", [&](Fnv& f) {
+    add_tensor(f, dp.sampleNextToken(logits, 0.0f, 0.9f, 50));
+    add_tensor(f, dp.sampleNextToken(logits, -0.0f, 1.0f, 0));
+  });
+  r.add("sample.top_k_1",
+        [&](Fnv& f) { add_tensor(f, dp.sampleNextToken(logits, 0.8f, 1.0f, 1)); });
+  r.add("sample.top_p_narrow",
+        [&](Fnv& f) { add_tensor(f, dp.sampleNextToken(logits, 1.3f, 1e-6f, 0)); });
+}
+
+// A tokenizer whose ids are byte values, so multi-byte characters arrive split
+// across calls.
+struct ByteTokenizer : Tokenizer {
+  std::string decode(const std::vector<int>& ids) override {
+    std::string s;
+    for (int id : ids) s.push_back(char(id));
+    return s;
+  }
+};
+
+std::vector<int> ids(const std::string& s) { return {s.begin(), s.end()}; }
+
+void streamer_family(Recorder& r) {
+  const std::vector<std::string> pieces = {" Hello",           ", wor",      "ld.\n", "\xe4\xbd",
+                                           "\xa0\xe5\xa5\xbd", " next",      "\n\n",  "end  ",
+                                           "\xe3\x81\x93\xe3", "\x82\x93 ok"};
+  for (bool skip : {true, false})
+    for (bool strip : {true, false})
+      r.add(std::string("stream.skip") + (skip ? "1" : "0") + ".strip" + (strip ? "1" : "0"),
+            [&](Fnv& f) {
+              ByteTokenizer tok;
+              std::ostringstream out;
+              TextStreamer s(tok, out, skip, strip);
+              s.put(ids("prompt text"));
+              for (const std::string& p : pieces) {
+                s.put(ids(p));
+                f.text(out.str());
+              }
+              s.end();
+              f.text(out.str());
+            });
+}
+
+// The committed table, and the updates collected when regenerating.
+const char* const kDigestFile = VEMOPROC_DIGESTS_FILE;
+
+Results read_table() {
+  Results t;
+  std::ifstream in(kDigestFile);
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.empty() || line[0] == '#') continue;
+    std::istringstream fields(line);
+    std::string name, hex;
+    if (fields >> name >> hex) t[name] = std::stoull(hex, nullptr, 16);
+  }
+  return t;
+}
+
+bool updating() {
+  const char* v = std::getenv("VEMOPROC_UPDATE_DIGESTS");
+  return v != nullptr && *v != '\0' && std::strcmp(v, "0") != 0;
+}
+
+void write_table(const std::string& family, const Results& fresh) {
+  Results t = read_table();
+  for (auto it = t.begin(); it != t.end();)
+    it = it->first.rfind(family + ".", 0) == 0 ? t.erase(it) : std::next(it);
+  t.insert(fresh.begin(), fresh.end());
+  std::ofstream out(kDigestFile);
+  out << "# FNV-1a 64 digests of every deterministic result in tests/digest_test.cpp,\n"
+         "# the same on every architecture. Regenerate with\n"
+         "#   VEMOPROC_UPDATE_DIGESTS=1 build/release/tests/digest_test\n";
+  for (const auto& [name, value] : t) {
+    char hex[17];
+    std::snprintf(hex, sizeof hex, "%016llx", static_cast<unsigned long long>(value));
+    out << name << ' ' << hex << '\n';
+  }
+  ASSERT_TRUE(out.good()) << "cannot write " << kDigestFile;
+}
+
+// Runs one family with the wide paths on, then off; both must reproduce the
+// committed digests, entry for entry.
+void check_family(const std::string& family, void (*run)(Recorder&)) {
+  Recorder wide{family, {}}, portable{family, {}};
+  vemoproc::detail::set_wide_paths_enabled(true);
+  run(wide);
+  vemoproc::detail::set_wide_paths_enabled(false);
+  run(portable);
+  vemoproc::detail::set_wide_paths_enabled(true);
+  EXPECT_EQ(wide.out, portable.out) << "wide and portable paths differ";
+  if (updating()) {
+    write_table(family, wide.out);
+    return;
+  }
+  Results want;
+  for (const auto& [name, value] : read_table())
+    if (name.rfind(family + ".", 0) == 0) want[name] = value;
+  ASSERT_FALSE(want.empty()) << "no " << family << " digests in " << kDigestFile;
+  for (const auto& [name, value] : wide.out) {
+    const auto it = want.find(name);
+    if (it == want.end())
+      ADD_FAILURE() << name << " has no committed digest";
+    else
+      EXPECT_EQ(it->second, value) << name << " changed";
+  }
+  for (const auto& [name, value] : want)
+    EXPECT_TRUE(wide.out.count(name)) << name << " is committed but no longer computed";
+}
+
+}  // namespace
+
+TEST(Digests, Images) { check_family("image", image_family); }
+TEST(Digests, Yolo) { check_family("yolo", yolo_family); }
+TEST(Digests, Vision) { check_family("vision", vision_family); }
+TEST(Digests, Dia) { check_family("dia", dia_family); }
+TEST(Digests, Streamer) { check_family("streamer", streamer_family); }
