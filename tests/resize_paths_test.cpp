@@ -160,7 +160,17 @@ TEST(ResizePaths, EveryImageFamilyGivesTheSameResultOnEveryPath) {
   const auto letterbox = [&] { return yolo::letterbox(raw, {640, 640}).data; };
   const auto convnext = [&] { return xt::xarray<float>(convnext_pre.process(view)); };
   const auto zentil = [&] { return xt::xarray<float>(zentil_pre.process(view)); };
-  const auto qwen_patches = [&] { return xt::xarray<float>(qwen.preprocess({view}).patches); };
+  // A Qwen2-VL batch of three sizes: images spread over the threads.
+  const std::vector<uint8_t> small = picture(300, 200, 900, 43);
+  const vemoproc::ImageView small_view{small.data(), 300, 200, 0, vemoproc::PixelFormat::RGB};
+  const vemoproc::ImageView crop_view{rgb.data() + 3 * 17, 640, 500, static_cast<size_t>(w) * 3,
+                                      vemoproc::PixelFormat::RGB};
+  const auto qwen_patches = [&] {
+    const auto out = qwen.preprocess({view, small_view, crop_view});
+    xt::xarray<float> rows = out.patches;
+    EXPECT_EQ(out.grid_thw.shape(0), 3u);
+    return rows;
+  };
 
   const auto want_letterbox = on_path(kPaths[0], letterbox);
   const auto want_convnext = on_path(kPaths[0], convnext);
@@ -283,7 +293,7 @@ TEST(Threads, BatchItemsFailLikeAPlainLoop) {
   }
 }
 
-TEST(Threads, DetectionBatchIsTheSameOnFourThreadsAndReportsTheFirstBadFile) {
+TEST(Threads, DetectionBatchesAreTheSameOnFourThreadsAndReportTheFirstBadImage) {
   PathGuard guard;
   std::vector<std::string> paths;
   for (int i = 0; i < 6; ++i) {
@@ -295,6 +305,35 @@ TEST(Threads, DetectionBatchIsTheSameOnFourThreadsAndReportsTheFirstBadFile) {
   const auto one = yolo::preprocess(paths, {160, 128});
   vemoproc::set_num_threads(4);
   EXPECT_TRUE(yolo::preprocess(paths, {160, 128}) == one);
+
+  std::vector<testimg::Pixels> pixels;
+  std::vector<vemoproc::ImageView> views;
+  for (int i = 0; i < 5; ++i) {
+    pixels.push_back(testimg::make(500 + 30 * i, 300 + 10 * i, 3, [i](int x, int y, int c) {
+      return uint8_t(x * (i + 2) ^ (y + 40 * c));
+    }));
+  }
+  for (const testimg::Pixels& p : pixels) {
+    views.push_back({p.data.data(), p.width, p.height, 0, vemoproc::PixelFormat::RGB});
+  }
+  vemoproc::set_num_threads(1);
+  const yolo::DetectionBatch one_views = yolo::preprocess_images(views, {160, 128});
+  vemoproc::set_num_threads(4);
+  const yolo::DetectionBatch four_views = yolo::preprocess_images(views, {160, 128});
+  EXPECT_TRUE(four_views.tensor == one_views.tensor);
+  ASSERT_EQ(four_views.letterbox.size(), views.size());
+  for (size_t i = 0; i < views.size(); ++i) {
+    EXPECT_EQ(four_views.letterbox[i].new_width, one_views.letterbox[i].new_width);
+    EXPECT_EQ(four_views.letterbox[i].top, one_views.letterbox[i].top);
+  }
+  views[3].data = nullptr;
+  views[1].data = nullptr;
+  try {
+    yolo::preprocess_images(views, {160, 128});
+    FAIL() << "null view accepted";
+  } catch (const std::runtime_error& e) {
+    EXPECT_EQ(std::string(e.what()).rfind("preprocess_images(): images[1]", 0), 0u) << e.what();
+  }
 
   std::vector<std::string> broken = paths;
   broken[4] = broken[4] + ".missing";

@@ -22,6 +22,7 @@
 #include <xtensor/xadapt.hpp>
 
 #include "../pixels/image_io.hpp"
+#include "../pixels/parallel.hpp"
 
 namespace qwen2vl {
 
@@ -358,9 +359,12 @@ Qwen2VLImageOutput process_images(const Qwen2VLImageProcessor& p,
   const size_t count = images.size();
   std::vector<ImagePlan> plans;
   plans.reserve(count);
+  std::vector<size_t> first_row;  // each image's first patch row
+  first_row.reserve(count);
   size_t total_rows = 0;
   for (const Pixels& image : images) {
     plans.push_back(plan_image(p, image));
+    first_row.push_back(total_rows);
     total_rows = checked_add(total_rows, checked_mul(plans.back().grid_h, plans.back().grid_w));
   }
   const size_t row_len = row_length(p);
@@ -370,8 +374,8 @@ Qwen2VLImageOutput process_images(const Qwen2VLImageProcessor& p,
   result.patches = xt::xarray<float>::from_shape({total_rows, row_len});
   result.grid_thw = xt::xarray<size_t>::from_shape({count, size_t{3}});
   const ValueTable table = value_table(p);
-  float* out = result.patches.data();
-  for (size_t i = 0; i < count; ++i) {
+  // One image per thread (vemoproc::set_num_threads), each into its own rows.
+  vemoproc::detail::parallel_for_each_item(count, [&](size_t i) {
     const ImagePlan& plan = plans[i];
     xt::xtensor<uint8_t, 3> resized;
     if (plan.resize) {
@@ -381,13 +385,13 @@ Qwen2VLImageOutput process_images(const Qwen2VLImageProcessor& p,
     // The still image repeated over the temporal depth.
     const std::vector<const uint8_t*> frames(p.temporal_patch_size,
                                              plan.resize ? resized.data() : images[i].data);
-    out = write_patch_rows(p, table, frames.data(), plan.resize ? plan.width * 3 : images[i].stride,
-                           plan, out);
+    write_patch_rows(p, table, frames.data(), plan.resize ? plan.width * 3 : images[i].stride, plan,
+                     result.patches.data() + first_row[i] * row_len);
     // grid_t: the tiled depth divided by temporal_patch_size, always 1.
     result.grid_thw(i, 0) = 1;
     result.grid_thw(i, 1) = plan.grid_h;
     result.grid_thw(i, 2) = plan.grid_w;
-  }
+  });
   return result;
 }
 

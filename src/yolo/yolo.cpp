@@ -279,9 +279,12 @@ constexpr size_t kBlock = 256;
 // The best class of candidates [i0, i0 + count): score[k] is the reduction
 // acc = (acc > v ? acc : v) from the lowest finite float over the class values
 // v, best[k] the first index of a strictly greater value. With objectness each
-// v is column 4 times the class score.
+// v is column 4 times the class score. Row-major rows without objectness
+// whose class values are none above `threshold` keep the starting score (they
+// cannot pass the filter whatever their maximum), found in one vectorised pass.
 template <bool kObjectness>
-void best_classes(const HeadView& head, size_t i0, size_t count, float* score, uint32_t* best) {
+void best_classes(const HeadView& head, size_t i0, size_t count, float threshold, float* score,
+                  uint32_t* best) {
   const size_t first = kObjectness ? 5 : 4;
   float best_value[kBlock];
   float scale[kBlock];
@@ -307,6 +310,11 @@ void best_classes(const HeadView& head, size_t i0, size_t count, float* score, u
   }
   for (size_t k = 0; k < count; ++k) {
     const float* row = head.data + (i0 + k) * head.c;
+    if (!kObjectness) {
+      int above = score[k] > threshold;
+      for (size_t j = first; j < head.c; ++j) above += row[j] > threshold;
+      if (above == 0) continue;
+    }
     float acc = score[k];
     float top = best_value[k];
     uint32_t cls = 0;
@@ -334,9 +342,9 @@ std::vector<float> select_candidates(const HeadView& head, const Selection& sel)
   for (size_t i0 = 0; i0 < head.n; i0 += kBlock) {
     const size_t count = std::min(kBlock, head.n - i0);
     if (sel.objectness) {
-      best_classes<true>(head, i0, count, score, best);
+      best_classes<true>(head, i0, count, sel.conf_threshold, score, best);
     } else {
-      best_classes<false>(head, i0, count, score, best);
+      best_classes<false>(head, i0, count, sel.conf_threshold, score, best);
     }
     for (size_t k = 0; k < count; ++k) {
       if (!(score[k] > sel.conf_threshold)) continue;
