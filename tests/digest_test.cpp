@@ -228,6 +228,12 @@ void yolo_family(Recorder& r) {
       f.bytes(lb.data.data(), lb.data.size());
     });
   }
+  r.add("letterbox_view", [&](Fnv& f) {
+    const vemoproc::Image decoded = testimg::decode(image_paths().at("rgba_31x29.png"));
+    const testimg::Layout grey = testimg::lay_out(decoded, vemoproc::PixelFormat::GRAY, 2);
+    const yolo::RawImage lb = yolo::letterbox(yolo::RawImage(grey.view), {40, 64}, 0);
+    f.bytes(lb.data.data(), lb.data.size());
+  });
   r.add("preprocess_batch", [&](Fnv& f) {
     const auto& p = image_paths();
     add_tensor(
@@ -296,6 +302,20 @@ void vision_family(Recorder& r) {
           f.text(e.what());
         }
       }
+  });
+  // Views in another pixel layout, and a three-frame video (padded to the
+  // temporal patch with its last frame).
+  const vemoproc::Image decoded = testimg::decode(image_paths().at("rgb_29x41.tga"));
+  const testimg::Layout bgra = testimg::lay_out(decoded, vemoproc::PixelFormat::BGRA, 5);
+  r.add("convnext64.view", [&](Fnv& f) {
+    add_tensor(f, convnext::ConvNextPreprocessor(64, 0.875f).process(bgra.view));
+  });
+  r.add("zentil32.view",
+        [&](Fnv& f) { add_tensor(f, zentil::ZentilPreprocessor(32).process(bgra.view)); });
+  r.add("qwen2vl.video", [&](Fnv& f) {
+    const auto out = qwen.preprocess_video({bgra.view, decoded.view(), bgra.view});
+    add_tensor(f, out.patches);
+    add_tensor(f, out.grid_thw);
   });
   r.add("qwen2vl.sample_frame_indices", [&](Fnv& f) {
     for (int total : {1, 7, 16, 300})
