@@ -10,7 +10,7 @@ SANITIZE := $(BUILD)/asan
 THREAD := $(BUILD)/tsan
 CMAKE_COMMON := -DCMAKE_BUILD_TYPE=Release
 
-.PHONY: all setup build test test-release test-sanitize test-thread test-arm64 test-arm64-build test-static package ci demo bench fuzz install format clean
+.PHONY: all setup build test test-release test-sanitize test-thread test-arm64 test-arm64-build test-static package ci demo bench bench-peers fuzz install format clean
 
 all: build
 
@@ -97,6 +97,16 @@ demo: build
 bench: build
 	@for b in yolo_bench vision_bench dia_bench streamer_bench; do \
 	  echo "== $$b"; $(RELEASE)/bench/$$b --benchmark_counters_tabular=true || exit 1; done
+
+# The same work with this library and with OpenCV, in one process, and each
+# stage's ratio. Installs OpenCV on first use; not part of test or ci.
+PEERS := $(BUILD)/peers
+bench-peers: setup
+	bash scripts/setup_peers.sh
+	cmake -S . -B $(PEERS) $(CMAKE_COMMON) -DVEMOPROC_BUILD_PEER_BENCH=ON \
+	  -DVEMOPROC_BUILD_TESTS=OFF -DVEMOPROC_BUILD_TOOLS=OFF >/dev/null
+	cmake --build $(PEERS) -j$(JOBS) --target peers_bench
+	$(PEERS)/bench/peers/peers_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 
 fuzz: setup
 	bash fuzz/run.sh $(BUILD)/fuzz $(FUZZ_SECONDS) $(FUZZ_ONLY)

@@ -3,12 +3,16 @@
 //   delay apply/revert  vs  memcpy of the same block;
 //   sampling            vs  memcpy of the logits, the random device opened once
 //                           per row (which every draw must do), and a full sort
-//                           of one row (what an unfiltered selection would cost).
+//                           of one row (what an unfiltered selection would cost);
+//   seeded sampling     vs  the unseeded call on the same logits and filters
+//                           (same filtering, a seeded engine instead of the
+//                           random device and the standard distribution).
 #include "ratios.hpp"
 
 #include <algorithm>
 #include <cstring>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "dia.hpp"
@@ -72,25 +76,34 @@ BENCHMARK_CAPTURE(BM_ShiftAudioDelay, revert, true);
 
 // --- sampling ---------------------------------------------------------------
 
-// Arguments: rows, vocabulary, top_k, top_p * 100, temperature * 10.
-void BM_SampleNextToken(benchmark::State& state) {
+// Arguments: rows, vocabulary, top_k, top_p * 100, temperature * 10. The
+// seeded form gets a new seed every iteration, as a generation loop would.
+void BM_Sample(benchmark::State& state, bool seeded) {
   dia::DiaPreprocessor dp;
   const auto logits =
       make_logits(static_cast<size_t>(state.range(0)), static_cast<size_t>(state.range(1)));
   const int top_k = static_cast<int>(state.range(2));
   const float top_p = static_cast<float>(state.range(3)) / 100.0f;
   const float temperature = static_cast<float>(state.range(4)) / 10.0f;
+  uint64_t seed = 0;
   for (auto _ : state) {
-    auto codes = dp.sampleNextToken(logits, temperature, top_p, top_k);
+    auto codes = seeded ? dp.sampleNextToken(logits, temperature, top_p, top_k, seed++)
+                        : dp.sampleNextToken(logits, temperature, top_p, top_k);
     benchmark::DoNotOptimize(codes.data());
   }
   set_bytes(state, logits.size() * sizeof(float));
 }
+void BM_SampleNextToken(benchmark::State& state) { BM_Sample(state, false); }
+void BM_SampleNextTokenSeeded(benchmark::State& state) { BM_Sample(state, true); }
 BENCHMARK(BM_SampleNextToken)
     ->ArgNames({"rows", "vocab", "top_k", "top_p%", "temp*10"})
     ->Args({9, 1028, 35, 95, 13})
     ->Args({1, 151936, 50, 90, 10})
     ->Args({1, 151936, 0, 90, 10});
+BENCHMARK(BM_SampleNextTokenSeeded)
+    ->ArgNames({"rows", "vocab", "top_k", "top_p%", "temp*10"})
+    ->Args({9, 1028, 35, 95, 13})
+    ->Args({1, 151936, 50, 90, 10});
 
 // Arguments: rows, vocabulary.
 void BM_SampleBaselineMemcpy(benchmark::State& state) {
@@ -129,12 +142,19 @@ void BM_SampleBaselineFullSort(benchmark::State& state) {
 }
 BENCHMARK(BM_SampleBaselineFullSort)->ArgName("vocab")->Arg(151936);
 
+// The seeded-versus-unseeded pairs: a Dia decoder step and one wide row.
+const std::string kDecoderStep = "rows:9/vocab:1028/top_k:35/top_p%:95/temp*10:13";
+const std::string kWideRow = "rows:1/vocab:151936/top_k:50/top_p%:90/temp*10:10";
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  return benchratio::run(argc, argv,
-                         {{"BM_ShiftAudioDelay/apply", "BM_DelayBaselineMemcpy", 3.0},
-                          {"BM_ShiftAudioDelay/revert", "BM_DelayBaselineMemcpy", 3.0},
-                          {"BM_SampleNextToken/rows:1/vocab:151936/top_k:50/top_p%:90/temp*10:10",
-                           "BM_SampleBaselineFullSort/vocab:151936", 0}});
+  return benchratio::run(
+      argc, argv,
+      {{"BM_ShiftAudioDelay/apply", "BM_DelayBaselineMemcpy", 3.0},
+       {"BM_ShiftAudioDelay/revert", "BM_DelayBaselineMemcpy", 3.0},
+       {"BM_SampleNextToken/rows:1/vocab:151936/top_k:50/top_p%:90/temp*10:10",
+        "BM_SampleBaselineFullSort/vocab:151936", 0},
+       {"BM_SampleNextTokenSeeded/" + kDecoderStep, "BM_SampleNextToken/" + kDecoderStep, 1.0},
+       {"BM_SampleNextTokenSeeded/" + kWideRow, "BM_SampleNextToken/" + kWideRow, 1.0}});
 }

@@ -73,7 +73,7 @@ inline int run(int argc, char** argv, const std::vector<Pair>& pairs) {
     if (s == times.end() || b == times.end()) continue;
     std::printf("  %-40s / %-32s = %6.2f", p.subject.c_str(), p.baseline.c_str(),
                 s->second / b->second);
-    if (p.target > 0) std::printf("   (target <= %.1f)", p.target);
+    if (p.target > 0) std::printf("   (target <= %g)", p.target);
     std::printf("\n");
   }
   return 0;

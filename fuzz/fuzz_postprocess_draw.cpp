@@ -1,6 +1,6 @@
-// yolo::postprocess on heads of fuzzed floats (NaN, infinities, huge values)
-// and shapes, then yolo::draw_detections of its results and of raw fuzzed
-// detections, class ids and labels.
+// yolo::postprocess (both overloads) and postprocess_end2end on heads of fuzzed
+// floats (NaN, infinities, huge values) and shapes, then yolo::draw_detections of its results and
+// of raw fuzzed detections, class ids and labels.
 #include <stdexcept>
 
 #include "fuzz_input.hpp"
@@ -21,6 +21,31 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<yolo::Detection> dets;
   try {
     dets = yolo::postprocess(head, input_shape, original_shape, conf, iou, max_det);
+  } catch (const std::runtime_error&) {
+  }
+  // The geometry overloads on the same head, read both ways, with fuzzed
+  // letterbox sizes and options.
+  yolo::LetterboxInfo letterbox{in.range(-2, 4096),   in.range(-2, 4096), in.take<float>(),
+                                in.range(-2, 4096),   in.range(-2, 4096), in.range(-4096, 4096),
+                                in.range(-4096, 4096)};
+  yolo::PostprocessOptions options;
+  options.conf_threshold = conf;
+  options.iou_threshold = iou;
+  options.max_det = max_det;
+  const auto flags = in.take<uint8_t>();
+  options.agnostic = flags & 1;
+  options.channels_first = flags & 2;
+  options.objectness = flags & 4;
+  if (flags & 8) options.classes = {in.range(-1, 8), in.range(-1, 8)};
+  options.max_candidates = static_cast<size_t>(in.range(0, 64));
+  try {
+    const auto more = yolo::postprocess(head, letterbox, options);
+    dets.insert(dets.end(), more.begin(), more.end());
+  } catch (const std::runtime_error&) {
+  }
+  try {
+    const auto more = yolo::postprocess_end2end(head, letterbox, conf);
+    dets.insert(dets.end(), more.begin(), more.end());
   } catch (const std::runtime_error&) {
   }
   for (int i = in.range(0, 4); i > 0; --i) {

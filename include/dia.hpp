@@ -18,6 +18,16 @@
 
 namespace dia {
 
+// Filters of the seeded sampleNextToken: temperature, then top_k (0 or less,
+// or V and more: off), then top_p (1 or more: off), then min_p (0: off; tokens
+// whose probability is below min_p times the row's largest are dropped).
+struct SamplingParams {
+  float temperature;
+  float top_p = 1;
+  int top_k = 0;
+  float min_p = 0;
+};
+
 // Stateless: every operation depends on its arguments alone, so one instance
 // may be shared by any number of threads.
 class VEMOPROC_API DiaPreprocessor {
@@ -93,6 +103,45 @@ class VEMOPROC_API DiaPreprocessor {
   // +inf entry): such a row has no probability distribution to draw from.
   xt::xarray<int> sampleNextToken(const xt::xarray<float>& logits, float temperature, float top_p,
                                   int top_k);
+
+  // Reproducible form: the same filters, and a draw that depends only on the
+  // row's final probabilities, the seed and the row index r, so a seed gives
+  // the same codes on every platform and standard library, whatever the other
+  // rows hold. No random device is opened.
+  //
+  // Row r: the unseeded function's temperature, top-k and top-p, then min-p
+  // (on the softmax of what is left, entries with probability < min_p times
+  // the largest become -inf), then the softmax P of the remaining row. The
+  // engine is std::mt19937_64 seeded with splitmix64(seed + r) (modulo 2^64);
+  // u = (engine() >> 40) * 2^-24 as a float in [0, 1). The code is the first
+  // index, in index order, at which the float running sum of P exceeds
+  // u * (the float sum of P), or, should rounding keep it short, the last
+  // index with nonzero probability. Row r of a batch therefore equals the
+  // single row sampled with seed + r.
+  //
+  // Temperature 0 (or -0) is the argmax, as in the unseeded form (seed and
+  // min_p unused). Throws the unseeded form's errors, and std::runtime_error
+  // "sampleNextToken(): min_p must lie in [0, 1]" for any other min_p (NaN
+  // included), checked before anything else.
+  xt::xarray<int> sampleNextToken(const xt::xarray<float>& logits, float temperature, float top_p,
+                                  int top_k, uint64_t seed);
+  xt::xarray<int> sampleNextToken(const xt::xarray<float>& logits, const SamplingParams& params,
+                                  uint64_t seed);
+
+  // Classifier-free guidance: cond + cfg_scale * (cond - uncond), element by
+  // element in float, in that order (no fused multiply-add). Throws
+  // std::runtime_error "applyCfg(): uncond must have the shape of cond" when
+  // the shapes differ.
+  xt::xarray<float> applyCfg(const xt::xarray<float>& cond, const xt::xarray<float>& uncond,
+                             float cfg_scale);
+
+  // Restricts one step's [C, V] logits, in place, to codes a channel may
+  // emit: in every row the entries above eos_value become -inf, and in every
+  // row but row 0 eos_value itself too (only channel 0 may end the stream).
+  // Throws std::runtime_error, leaving logits unchanged,
+  // "maskAudioLogits(): logits must be two-dimensional [C, V]" for another
+  // rank and "maskAudioLogits(): eos_value must lie in [0, V)" otherwise.
+  void maskAudioLogits(xt::xarray<float>& logits, int eos_value);
 
   // Attention mask [B, 1, Tq, Tk] from padding masks [B, Tq] and [B, Tk]:
   // true where query and key are both real or both padding, and, when causal,

@@ -10,6 +10,8 @@ apt_packages=(
   libxtensor-dev xtl-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   clang libclang-rt-14-dev
+  python3-dev python3-setuptools python3-wheel python3-pip python3-venv
+  pybind11-dev python3-pybind11 python3-numpy python3-pytest
   g++-aarch64-linux-gnu qemu-user-static googletest
   dpkg-dev
 )

@@ -80,4 +80,17 @@ expect_error "cannot write /dev/full: No space left on device" \
   dia-delay codes.npy --delays 0,2 --bos 99 --pad 98 -o /dev/full
 expect_stdout_error dia-text "[S1] Hello"
 expect_stdout_error dia-sample logits.npy --temperature 0
+
+# Seeded: eight rows [1, 2, 0.5, 3] with seed 2026 draw fixed codes (worked
+# out with a reference engine); min-p 0.2 leaves codes 1 and 3 only.
+row="0x3f800000 0x40000000 0x3f000000 0x40400000"
+npy eight.npy '<f4' '(8, 4)' 4 $row $row $row $row $row $row $row $row
+plain=(--temperature 1 --top-p 1 --top-k 0 --seed 2026)
+[ "$("$exe" dia-sample eight.npy "${plain[@]}" | xargs)" = "3 3 3 3 0 1 0 1" ] || fail "seeded sample"
+[ "$("$exe" dia-sample eight.npy "${plain[@]}" --min-p 0.2 | xargs)" = "3 3 3 3 1 3 1 3" ] ||
+  fail "seeded min-p sample"
+first=$("$exe" dia-sample eight.npy --seed 7 --min-p 0.05)
+[ "$("$exe" dia-sample eight.npy --seed 7 --min-p 0.05)" = "$first" ] || fail "same seed, other codes"
+expect_error "requires --seed" dia-sample eight.npy --min-p 0.1
+expect_error "min_p must lie in" dia-sample eight.npy --seed 1 --min-p 2
 echo "cli_dia: ok"

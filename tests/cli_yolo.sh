@@ -27,6 +27,40 @@ printf 'a\nb\n' > names.txt
 "$exe" yolo-postprocess head_cn.npy --layout cn --names names.txt --input-size 640x640 --image scene.png \
   | grep -q '^1 b 0.9000' || fail "--layout cn"
 
+# Images from standard input and raw frames give the file's tensor.
+"$exe" yolo-preprocess scene.png -o from_file.npy >/dev/null || fail "preprocess from a file"
+"$exe" yolo-preprocess - -o from_stdin.npy < scene.png >/dev/null || fail "preprocess from stdin"
+cmp -s from_file.npy from_stdin.npy || fail "preprocess from stdin differs"
+{ printf 'P6\n33 21\n255\n'; head -c $((33 * 21 * 3)) /dev/urandom; } > small.ppm
+tail -c $((33 * 21 * 3)) small.ppm > small.raw
+"$exe" yolo-preprocess small.ppm small.ppm -o ppm.npy >/dev/null || fail "preprocess ppm"
+"$exe" yolo-preprocess small.raw - --raw 33x21:rgb -o raw.npy < small.raw >/dev/null ||
+  fail "preprocess --raw"
+cmp -s ppm.npy raw.npy || fail "preprocess --raw differs"
+"$exe" yolo-postprocess head.npy --input-size 640x640 --image - < scene.png |
+  grep -q '^1 cls_1 0.9000 432.1 ' || fail "postprocess --image -"
+
+# --exact maps back with the applied geometry (640 x 427 at top 106): x1 =
+# 288 / (640 / 960) = 432.0, y1 = (288 - 106) / (427 / 640) = 272.8.
+"$exe" yolo-postprocess head.npy --input-size 640x640 --image scene.png --exact > exact.txt ||
+  fail "--exact"
+grep -q '^letterbox: 960x640 scaled by 0.666667 to 640x427 at (0, 106)' exact.txt ||
+  fail "--exact geometry: $(cat exact.txt)"
+grep -q '^1 cls_1 0.9000 432.0 272.8 ' exact.txt || fail "--exact row: $(cat exact.txt)"
+# Two overlapping boxes of different classes: both kept per class, one agnostic.
+npy_f32 two.npy '(2, 6)' 320 320 64 64 0.9 0.1   322 320 64 64 0.1 0.8
+"$exe" yolo-postprocess two.npy --input-size 640x640 --image scene.png | grep -q '^2 detection' ||
+  fail "per-class NMS"
+"$exe" yolo-postprocess two.npy --input-size 640x640 --image scene.png --agnostic |
+  grep -q '^1 detection' || fail "--agnostic"
+# An NMS-free head: rows above the threshold, in order, mapped back.
+npy_f32 e2e.npy '(2, 6)' 288 288 352 352 0.9 1   0 0 10 10 0.1 0
+"$exe" yolo-postprocess e2e.npy --input-size 640x640 --image scene.png --end2end > e2e.txt ||
+  fail "--end2end"
+grep -q '^1 cls_1 0.9000 432.0 272.8 ' e2e.txt || fail "--end2end row: $(cat e2e.txt)"
+expect_error "rows of 6 values" \
+  yolo-postprocess head_cn.npy --input-size 640x640 --image scene.png --end2end
+
 # usage errors: one line, non-zero exit, no crash
 expect_error "no such file: missing.png" yolo-preprocess missing.png -o x.npy
 expect_error "WIDTHxHEIGHT" yolo-preprocess --size 640 scene.png -o x.npy

@@ -14,6 +14,7 @@
 #include "qwen2vl.hpp"
 #include "streamer.hpp"
 #include "test_images.hpp"
+#include "threads.hpp"
 #include "yolo.hpp"
 #include "zentil.hpp"
 
@@ -92,6 +93,30 @@ TEST(Concurrency, VisionInputs) {
     summary.push_back(static_cast<float>(d.patches.shape(0) + size.first + size.second));
     return summary;
   }));
+}
+
+// With the opt-in pool on, eight callers share its four threads: every large
+// resize is split and the batch images spread, and all get the one-thread result.
+TEST(Concurrency, CallersShareTheOptInPool) {
+  const auto pixels = testimg::make(
+      900, 700, 3, [](int x, int y, int c) { return uint8_t((x * 7) ^ (y * 3) ^ (c * 50)); });
+  const vemoproc::ImageView view{pixels.data.data(), 900, 700, 0, vemoproc::PixelFormat::RGB};
+  convnext::ConvNextPreprocessor convnext(224, 0.875f);
+  const std::vector<std::string> paths = {shared_image(), shared_image(), shared_image()};
+  const auto work = [&] {
+    const auto boxed = yolo::letterbox(yolo::RawImage(view), {640, 640}, 114);
+    const auto crop = convnext.process(view);
+    const auto batch = yolo::preprocess(paths, {64, 64});
+    std::vector<float> summary(boxed.data.begin(), boxed.data.end());
+    summary.insert(summary.end(), crop.begin(), crop.end());
+    summary.insert(summary.end(), batch.begin(), batch.end());
+    return summary;
+  };
+  const std::vector<float> one_thread = work();
+  vemoproc::set_num_threads(4);
+  const auto results = on_threads<std::vector<float>>([&](int) { return work(); });
+  vemoproc::set_num_threads(1);
+  for (const auto& r : results) EXPECT_TRUE(r == one_thread);
 }
 
 TEST(Concurrency, SpeechHelpers) {

@@ -1,13 +1,17 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <limits>
 #include <map>
 #include <stdexcept>
 
 #include <xtensor/xadapt.hpp>
 #include <xtensor/xio.hpp>
+#include <xtensor/xview.hpp>
 
 #include "dia.hpp"
 
@@ -304,4 +308,185 @@ TEST(DiaMask, ErrorMessages) {
   }
   EXPECT_NE(message(xt::ones<bool>({2}), xt::ones<bool>({2, 2}), false).find("query_mask"),
             std::string::npos);
+}
+
+// --- seeded sampling ----------------------------------------------------------
+
+namespace {
+
+// softmax([1, 2, 0.5, 3]) = 0.0854, 0.2321, 0.0518, 0.6308 (worked in double).
+const std::vector<float> kFour{1.0f, 2.0f, 0.5f, 3.0f};
+
+std::vector<double> softmax_double(const std::vector<float>& row) {
+  double sum = 0;
+  for (float v : row) sum += std::exp(static_cast<double>(v));
+  std::vector<double> p;
+  for (float v : row) p.push_back(std::exp(static_cast<double>(v)) / sum);
+  return p;
+}
+
+// Pearson's statistic of the drawn codes against the expected probabilities.
+double chi_square(const xt::xarray<int>& codes, const std::map<int, double>& expected) {
+  std::map<int, double> counts;
+  for (int c : codes) counts[c] += 1;
+  double statistic = 0;
+  const auto n = static_cast<double>(codes.size());
+  for (const auto& [code, p] : expected) {
+    const double d = counts[code] - n * p;
+    statistic += d * d / (n * p);
+  }
+  return statistic;
+}
+
+}  // namespace
+
+TEST(DiaSeededSample, PinnedCodes) {
+  // Worked out once outside the library: splitmix64(2026 + r) seeds a
+  // reference mt19937_64 (checked against the standard's 10000th output),
+  // u = top 24 bits * 2^-24, first running sum above u * total. u for rows
+  // 0..7: 0.467 0.485 0.424 0.952 0.059 0.305 0.033 0.309; every decision is
+  // at least 0.008 away from a boundary, far beyond float rounding.
+  const auto rows = repeat_rows(kFour, 8);
+  EXPECT_EQ(drawn(dp.sampleNextToken(rows, 1.0f, 1.0f, 0, 2026)),
+            (std::vector<int>{3, 3, 3, 3, 0, 1, 0, 1}));
+  // min_p 0.2 drops tokens 0 and 2 (below 0.2 * 0.6308); the rest renormalise
+  // to 0.269 and 0.731 in index order 1, 3.
+  EXPECT_EQ(drawn(dp.sampleNextToken(rows, dia::SamplingParams{1.0f, 1.0f, 0, 0.2f}, 2026)),
+            (std::vector<int>{3, 3, 3, 3, 1, 3, 1, 3}));
+}
+
+TEST(DiaSeededSample, SameSeedSameCodesWhateverTheBatch) {
+  std::vector<float> wide(1028);
+  for (size_t i = 0; i < wide.size(); ++i) wide[i] = std::sin(0.37f * static_cast<float>(i)) * 4;
+  const auto rows = repeat_rows(wide, 9);
+  const dia::SamplingParams params{1.3f, 0.95f, 35, 0.05f};
+  const auto first = dp.sampleNextToken(rows, params, 77);
+  EXPECT_EQ(dp.sampleNextToken(rows, params, 77), first);
+  // Row r of a batch is the single row sampled with seed + r, and other rows'
+  // contents do not matter.
+  auto mixed = rows;
+  xt::view(mixed, 0, xt::all()) = xt::view(mixed, 0, xt::all()) * -1.0f;
+  const auto with_mixed = dp.sampleNextToken(mixed, params, 77);
+  for (size_t r = 0; r < 9; ++r) {
+    const auto single = dp.sampleNextToken(repeat_rows(wide, 1), params, 77 + r);
+    EXPECT_EQ(single(0), first(r)) << "row " << r;
+    if (r > 0) {
+      EXPECT_EQ(with_mixed(r), first(r)) << "row " << r;
+    }
+  }
+  // Seeds near 2^64 wrap around instead of failing.
+  const uint64_t last = std::numeric_limits<uint64_t>::max();
+  EXPECT_EQ(dp.sampleNextToken(repeat_rows(kFour, 2), 1.0f, 1.0f, 0, last)(1),
+            dp.sampleNextToken(repeat_rows(kFour, 1), 1.0f, 1.0f, 0, 0)(0));
+}
+
+TEST(DiaSeededSample, FrequenciesOverSeedsFollowTheProbabilities) {
+  // 20000 rows draw with seeds 5 .. 20004. Bounds: 3 degrees of freedom,
+  // P(chi2 > 46) = 5.6e-10; 1 degree, P(chi2 > 40) = 2.5e-10.
+  const size_t n = 20000;
+  const auto p = softmax_double(kFour);
+  const auto rows = repeat_rows(kFour, n);
+  EXPECT_LT(chi_square(dp.sampleNextToken(rows, 1.0f, 1.0f, 0, 5),
+                       {{0, p[0]}, {1, p[1]}, {2, p[2]}, {3, p[3]}}),
+            46.0);
+  // min_p 0.2 leaves tokens 1 and 3 in proportion p[1] : p[3].
+  const auto codes = dp.sampleNextToken(rows, dia::SamplingParams{1.0f, 1.0f, 0, 0.2f}, 5);
+  const double kept = p[1] + p[3];
+  EXPECT_LT(chi_square(codes, {{1, p[1] / kept}, {3, p[3] / kept}}), 40.0);
+  EXPECT_EQ(frequencies(codes).size(), 2u);
+}
+
+TEST(DiaSeededSample, SharesTheUnseededFiltersAndAddsMinP) {
+  // The unseeded single-survivor cases hold for any seed.
+  const std::vector<float> p532{std::log(0.2f), std::log(0.5f), std::log(0.3f)};
+  for (uint64_t seed : {0u, 1u, 99u}) {
+    EXPECT_EQ(drawn(dp.sampleNextToken(repeat_rows(p532, 50), 1.0f, 0.7f, 0, seed)), every(50, 1));
+    EXPECT_EQ(drawn(dp.sampleNextToken(repeat_rows({3, 1, 2}, 50), -1.0f, 1.0f, 1, seed)),
+              every(50, 1));
+  }
+  // min_p 1 keeps only the maxima; 0.5/0.3/0.2 with min_p 0.5 drops 0.2 only.
+  EXPECT_EQ(drawn(dp.sampleNextToken(repeat_rows(p532, 50), {1.0f, 1.0f, 0, 1.0f}, 3)),
+            every(50, 1));
+  const auto f = frequencies(dp.sampleNextToken(repeat_rows(p532, 4000), {1.0f, 1.0f, 0, 0.5f}, 3));
+  EXPECT_EQ(f.count(0), 0u);
+  // Temperature 0 is the argmax; seed and min_p do not matter.
+  const xt::xarray<float> logits = {{1, 3, 3, 2}, {-kInf, -5, -6, -7}};
+  EXPECT_EQ(dp.sampleNextToken(logits, {0.0f, 1.0f, 0, 0.9f}, 12), (xt::xarray<int>{1, 1}));
+  EXPECT_EQ(dp.sampleNextToken(xt::zeros<float>({0, 5}), 1.0f, 0.9f, 5, 1).shape(),
+            (std::vector<size_t>{0}));
+}
+
+TEST(DiaSeededSample, Errors) {
+  using testing::ThrowsMessage;
+  const xt::xarray<float> row = {{0, 1}};
+  for (float min_p : {-0.1f, 1.5f, NAN}) {
+    EXPECT_THAT(
+        [&] {
+          dp.sampleNextToken(row, {1.0f, 1.0f, 0, min_p}, 1);
+        },
+        ThrowsMessage<std::runtime_error>("sampleNextToken(): min_p must lie in [0, 1]"));
+  }
+  EXPECT_THROW(dp.sampleNextToken(xt::xarray<float>{{0, NAN}}, 1.0f, 1.0f, 0, 1),
+               std::runtime_error);
+  EXPECT_THROW(dp.sampleNextToken(xt::xarray<float>{0, 1}, 1.0f, 1.0f, 0, 1), std::runtime_error);
+}
+
+// --- guidance and code masks ----------------------------------------------------
+
+TEST(DiaGuidance, CfgCombinesInFloatInTheStatedOrder) {
+  const xt::xarray<float> cond = {{1.0f, -2.0f}, {0.5f, 3.0f}};
+  const xt::xarray<float> uncond = {{0.0f, 2.0f}, {0.5f, 1.0f}};
+  EXPECT_EQ(dp.applyCfg(cond, uncond, 3.0f), (xt::xarray<float>{{4.0f, -14.0f}, {0.5f, 9.0f}}));
+  EXPECT_EQ(dp.applyCfg(cond, uncond, 0.0f), cond);
+  // cond 1, uncond 0x3c7efa40 (0.0155626), scale 1.5: rounding after each
+  // step gives 0x401e8188; a fused multiply-add would give 0x401e8189
+  // (both worked out with exact rationals).
+  float uncond_bits = 0;
+  const uint32_t u = 0x3c7efa40;
+  std::memcpy(&uncond_bits, &u, sizeof u);
+  const float guided =
+      dp.applyCfg(xt::xarray<float>{1.0f}, xt::xarray<float>{uncond_bits}, 1.5f)(0);
+  uint32_t guided_bits = 0;
+  std::memcpy(&guided_bits, &guided, sizeof guided);
+  EXPECT_EQ(guided_bits, 0x401e8188u);
+  EXPECT_THAT(
+      [&] {
+        dp.applyCfg(cond, xt::xarray<float>{{1.0f, 2.0f}}, 1.0f);
+      },
+      testing::ThrowsMessage<std::runtime_error>("applyCfg(): uncond must have the shape of cond"));
+}
+
+TEST(DiaGuidance, MaskLeavesEosToChannelZeroOnly) {
+  xt::xarray<float> logits = {{1, 2, 3, 4}, {5, 6, 7, 8}, {9, 10, 11, 12}};
+  dp.maskAudioLogits(logits, 2);
+  EXPECT_EQ(logits,
+            (xt::xarray<float>{{1, 2, 3, -kInf}, {5, 6, -kInf, -kInf}, {9, 10, -kInf, -kInf}}));
+  // EOS as the last code: nothing above it; rows past the first lose it.
+  xt::xarray<float> last = {{1, 2}, {3, 4}};
+  dp.maskAudioLogits(last, 1);
+  EXPECT_EQ(last, (xt::xarray<float>{{1, 2}, {3, -kInf}}));
+  // Seeded sampling of a masked row never returns a masked code.
+  xt::xarray<float> flat = xt::zeros<float>({9, 6});
+  dp.maskAudioLogits(flat, 3);
+  for (uint64_t seed = 0; seed < 50; ++seed) {
+    const auto codes = dp.sampleNextToken(flat, 1.0f, 1.0f, 0, seed);
+    EXPECT_LE(codes(0), 3);
+    for (size_t r = 1; r < 9; ++r) EXPECT_LT(codes(r), 3);
+  }
+}
+
+TEST(DiaGuidance, MaskRejectsRankAndEosOutsideTheRow) {
+  using testing::ThrowsMessage;
+  xt::xarray<float> logits = {{1, 2, 3}};
+  const auto before = logits;
+  for (int eos : {-1, 3}) {
+    EXPECT_THAT(
+        [&] { dp.maskAudioLogits(logits, eos); },
+        ThrowsMessage<std::runtime_error>("maskAudioLogits(): eos_value must lie in [0, V)"));
+  }
+  xt::xarray<float> flat = {1, 2, 3};
+  EXPECT_THAT([&] { dp.maskAudioLogits(flat, 0); },
+              ThrowsMessage<std::runtime_error>(
+                  "maskAudioLogits(): logits must be two-dimensional [C, V]"));
+  EXPECT_EQ(logits, before);
 }

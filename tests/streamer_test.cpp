@@ -1,9 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <streambuf>
 #include <string>
+#include <string_view>
+#include <thread>
 #include <vector>
 
 #include "streamer.hpp"
@@ -236,6 +241,134 @@ TEST_F(StreamerTest, ShorterDecodeThrowsAndKeepsTheState) {
   tok.whole.erase({1, 2, 3, 4});
   s.put({});  // end() failed before changing anything: no prompt skip, print_len 8
   expect("Hello xyy", 3);
+}
+
+// --- callback form -------------------------------------------------------------
+
+using Pieces = std::vector<std::string>;
+
+// Prompt, a held comma, a line end, a held question mark, end(): the
+// callback gets exactly the non-empty pieces the stream form writes.
+void run_script(BaseStreamer& s) {
+  s.put({9});  // the prompt: dropped, never decoded
+  s.put({1});  // "Hello"
+  s.put({2});  // "Hello,": held
+  s.put({3});  // ", world"
+  s.put({4});  // "\n": the segment ends
+  s.put({5});  // "Bye"
+  s.put({6});  // "Bye?": held
+  s.end();     // "?", then the line feed
+}
+const Pieces kScriptPieces{"Hello", ", world", "\n", "Bye", "?", "\n"};
+
+TEST_F(StreamerTest, CallbackGetsTheStreamFormsPieces) {
+  tok.pieces = {{1, "Hello"}, {2, ","}, {3, " world"}, {4, "\n"}, {5, "Bye"}, {6, "?"}};
+  TextStreamer stream_form(tok, out);
+  run_script(stream_form);
+  expect("Hello, world\nBye?\n", 7);  // one flush per put after the prompt, one for end
+  const Calls stream_calls = tok.calls;
+
+  tok.calls.clear();
+  Pieces pieces;
+  TextStreamer callback_form(tok, [&](std::string_view p) { pieces.emplace_back(p); });
+  run_script(callback_form);
+  EXPECT_EQ(pieces, kScriptPieces);
+  EXPECT_EQ(tok.calls, stream_calls);
+
+  // A whitespace-only decode calls nothing; end() of an empty segment gives
+  // the line feed alone; the next generation's prompt is dropped.
+  tok.pieces[7] = "  ";
+  pieces.clear();
+  callback_form.put({7});
+  callback_form.put({7});
+  callback_form.end();
+  EXPECT_EQ(pieces, (Pieces{"\n"}));
+}
+
+// --- queue to a consumer thread ---------------------------------------------------
+
+constexpr std::chrono::milliseconds kLong{20000};  // only reached if a test hangs
+
+// Takes pieces until the end marker.
+Pieces drain(QueueStreamer& q) {
+  Pieces pieces;
+  while (auto piece = q.next(kLong)) pieces.push_back(*piece);
+  return pieces;
+}
+
+TEST_F(StreamerTest, QueueCarriesThePiecesToAnotherThread) {
+  tok.pieces = {{1, "Hello"}, {2, ","}, {3, " world"}, {4, "\n"}, {5, "Bye"}, {6, "?"}};
+  QueueStreamer q(tok);
+  std::thread producer([&] { run_script(q); });
+  EXPECT_EQ(drain(q), kScriptPieces);
+  producer.join();
+  // One end, one empty optional: the next generation follows on.
+  EXPECT_THROW(q.next(std::chrono::milliseconds(0)), vemoproc::StreamTimeout);
+  std::thread second([&] { run_script(q); });
+  EXPECT_EQ(drain(q), kScriptPieces);
+  second.join();
+}
+
+TEST_F(StreamerTest, QueueTimesOutWhenNothingArrives) {
+  QueueStreamer q(tok);
+  EXPECT_THROW(q.next(std::chrono::milliseconds(1)), vemoproc::StreamTimeout);
+  q.put({});  // the prompt: nothing queued
+  try {
+    q.next(std::chrono::milliseconds(0));
+    ADD_FAILURE() << "no timeout";
+  } catch (const std::runtime_error& e) {  // a StreamTimeout is a runtime_error
+    EXPECT_EQ(std::string(e.what()), "QueueStreamer::next(): nothing arrived within 0 ms");
+  }
+}
+
+TEST_F(StreamerTest, QueueHandsTheProducersErrorToTheConsumer) {
+  tok.pieces = {{1, "Hello"}};
+  QueueStreamer q(tok, false);
+  // The consumer is already waiting when the producer fails.
+  std::thread producer([&] {
+    q.put({1});
+    q.fail(std::make_exception_ptr(std::invalid_argument("decoder lost")));
+  });
+  std::optional<std::string> first;
+  try {
+    first = q.next(kLong);
+    q.next(kLong);  // the error, if the piece came first
+    ADD_FAILURE() << "no error";
+  } catch (const std::invalid_argument& e) {
+    EXPECT_EQ(std::string(e.what()), "decoder lost");
+  }
+  producer.join();
+  // Handed over once; a piece queued before it is still there.
+  if (!first) {
+    EXPECT_EQ(q.next(kLong), "Hello");
+  }
+  EXPECT_THROW(q.next(std::chrono::milliseconds(0)), vemoproc::StreamTimeout);
+}
+
+TEST_F(StreamerTest, CancelStopsTheGenerationLoop) {
+  tok.pieces = {{1, "line\n"}};
+  QueueStreamer q(tok, false);
+  bool stopped = false;
+  std::thread producer([&] {
+    try {
+      for (int step = 0; step < 1000000; ++step) q.put({1});
+    } catch (const vemoproc::Cancelled& e) {
+      stopped = std::string(e.what()) == "QueueStreamer::put(): generation cancelled";
+    }
+    q.end();
+  });
+  EXPECT_EQ(q.next(kLong), "line\n");
+  q.cancel();  // from the consumer thread
+  const Pieces rest = drain(q);
+  producer.join();
+  EXPECT_TRUE(stopped);
+  ASSERT_FALSE(rest.empty());
+  EXPECT_EQ(rest.back(), "\n");  // end() still closes the queue
+  EXPECT_EQ(std::count(rest.begin(), rest.end(), "line\n") + 1, static_cast<long>(rest.size()));
+  // Later puts throw before decoding anything.
+  const size_t decodes = tok.calls.size();
+  EXPECT_THROW(q.put({1}), vemoproc::Cancelled);
+  EXPECT_EQ(tok.calls.size(), decodes);
 }
 
 }  // namespace

@@ -1,9 +1,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
+#include <random>
 
+#include <xtensor/xmanipulation.hpp>
+#include <xtensor/xview.hpp>
+
+#include "../src/pixels/cpu.hpp"
+#include "stb_image_resize2.h"
 #include "test_images.hpp"
 #include "yolo.hpp"
 
@@ -61,6 +68,96 @@ xt::xtensor<float, 2> head(const std::vector<std::vector<float>>& rows) {
 }
 
 constexpr std::array<size_t, 2> k640 = {640, 640};
+
+// A letterbox geometry that maps network pixels to themselves.
+constexpr yolo::LetterboxInfo kIdentity = {1 << 20, 1 << 20, 1.0f, 1 << 20, 1 << 20, 0, 0};
+
+yolo::PostprocessOptions options(float conf, float iou, size_t max_det) {
+  yolo::PostprocessOptions o;
+  o.conf_threshold = conf;
+  o.iou_threshold = iou;
+  o.max_det = max_det;
+  return o;
+}
+
+std::vector<float> scores_of(const std::vector<yolo::Detection>& dets) {
+  std::vector<float> s;
+  for (const auto& d : dets) s.push_back(d.score);
+  return s;
+}
+
+// Detections as bytes: equal lists, NaN coordinates included, give equal bytes.
+std::vector<uint8_t> bytes_of(const std::vector<yolo::Detection>& dets) {
+  const auto* p = reinterpret_cast<const uint8_t*>(dets.data());
+  return {p, p + dets.size() * sizeof(yolo::Detection)};
+}
+
+// A random head [n, 4 + classes] whose candidates score distinct values
+// k / (n + 2) (so greedy NMS has one answer), crowded into a small area so that
+// boxes overlap a lot; some have NaN or infinite values, zero or negative sides.
+xt::xtensor<float, 2> random_head(size_t n, size_t classes, uint32_t seed) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<float> u(0.0f, 1.0f);
+  std::vector<size_t> rank(n);
+  for (size_t i = 0; i < n; ++i) rank[i] = i + 1;
+  std::shuffle(rank.begin(), rank.end(), rng);
+  xt::xtensor<float, 2> h = xt::zeros<float>({n, 4 + classes});
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const float inf = std::numeric_limits<float>::infinity();
+  for (size_t i = 0; i < n; ++i) {
+    h(i, 0) = 100 * u(rng);
+    h(i, 1) = 100 * u(rng);
+    h(i, 2) = 30 * u(rng) - 4;  // some negative widths: inverted boxes
+    h(i, 3) = 1 + 30 * u(rng);
+    const float special[] = {nan, inf, 0, -inf};
+    const size_t k = rng() % 24;
+    if (k < 4) h(i, k) = special[k];
+    const float score = static_cast<float>(rank[i]) / static_cast<float>(n + 2);
+    for (size_t c = 0; c < classes; ++c) h(i, 4 + c) = score * 0.5f * u(rng);
+    h(i, 4 + rng() % classes) = score;
+  }
+  return h;
+}
+
+// Greedy NMS as stated, pair by pair, on a head's decoded candidates: the
+// scores of the kept boxes, best first. Scores must be distinct.
+std::vector<float> reference_nms(const xt::xtensor<float, 2>& h, float conf, float iou,
+                                 size_t max_det, bool agnostic) {
+  struct Box {
+    float x1, y1, x2, y2, score;
+    int cls;
+  };
+  std::vector<Box> boxes;
+  for (size_t i = 0; i < h.shape(0); ++i) {
+    size_t best = 4;
+    for (size_t j = 5; j < h.shape(1); ++j)
+      if (h(i, j) > h(i, best)) best = j;
+    if (!(h(i, best) > conf)) continue;
+    boxes.push_back({h(i, 0) - h(i, 2) / 2, h(i, 1) - h(i, 3) / 2, h(i, 0) + h(i, 2) / 2,
+                     h(i, 1) + h(i, 3) / 2, h(i, best), static_cast<int>(best - 4)});
+  }
+  std::sort(boxes.begin(), boxes.end(),
+            [](const Box& a, const Box& b) { return a.score > b.score; });
+  std::vector<bool> gone(boxes.size(), false);
+  std::vector<float> kept;
+  for (size_t p = 0; p < boxes.size(); ++p) {
+    if (gone[p]) continue;
+    kept.push_back(boxes[p].score);
+    if (kept.size() >= max_det) break;
+    const Box& a = boxes[p];
+    for (size_t q = p + 1; q < boxes.size(); ++q) {
+      const Box& b = boxes[q];
+      if (gone[q] || (!agnostic && a.cls != b.cls)) continue;
+      const float w = std::max(std::min(a.x2, b.x2) - std::max(a.x1, b.x1), 0.0f);
+      const float hh = std::max(std::min(a.y2, b.y2) - std::max(a.y1, b.y1), 0.0f);
+      const float inter = w * hh;
+      const float area_a = (a.x2 - a.x1) * (a.y2 - a.y1);
+      const float area_b = (b.x2 - b.x1) * (b.y2 - b.y1);
+      if (inter / (area_b + area_a - inter + 1.0e-7f) > iou) gone[q] = true;
+    }
+  }
+  return kept;
+}
 
 }  // namespace
 
@@ -157,6 +254,11 @@ TEST(RawImageLoad, ViewsAndThePixelBudget) {
   const uint64_t saved = vemoproc::max_image_pixels();
   vemoproc::set_max_image_pixels(35);
   EXPECT_EQ(error_of([&] { yolo::RawImage im(path); }), "stbi_load failed for: " + path);
+  // The letterbox target is held to the same budget.
+  vemoproc::set_max_image_pixels(36);
+  EXPECT_EQ(yolo::letterbox(file, {9, 4}, 114).data.size(), 9u * 4 * 3);
+  EXPECT_EQ(error_of([&] { yolo::letterbox(file, {9, 5}, 114); }),
+            "stbir_resize_uint8_linear failed");
   vemoproc::set_max_image_pixels(saved);
 }
 
@@ -199,6 +301,48 @@ TEST(Letterbox, ShrinksLargeImagesAndKeepsTheAspect) {
   for (int y = 0; y < 50; ++y) {
     const RGB expected = (y >= 12 && y < 37) ? RGB{50, 60, 70} : RGB{114, 114, 114};
     EXPECT_EQ(pixel(out, 25, y), expected) << y;
+  }
+}
+
+// The rule worked by hand: r in float, sides rounded half away from zero,
+// the block centred by integer division (an odd free column goes right).
+TEST(Letterbox, GeometryFollowsTheRule) {
+  const yolo::LetterboxInfo want[] = {{1920, 1080, 640.0f / 1920.0f, 640, 360, 0, 140},
+                                      {1, 4, 2.5f, 3, 10, 3, 0},
+                                      {10, 4, 1.0f, 10, 4, 1, 0}};
+  const std::array<int, 2> shapes[] = {{640, 640}, {10, 10}, {13, 4}};
+  for (int i = 0; i < 3; ++i) {
+    const auto g = yolo::letterbox_info(want[i].original_width, want[i].original_height, shapes[i]);
+    EXPECT_EQ(std::memcmp(&g, &want[i], sizeof g), 0) << i;
+  }
+  EXPECT_THAT(error_of([] { yolo::letterbox_info(0, 4, {8, 8}); }), HasSubstr("width and height"));
+  EXPECT_THAT(error_of([] { yolo::letterbox_info(4, 4, {-1, 8}); }), HasSubstr("new_shape"));
+}
+
+// Letterbox is the linear resize of the whole image placed at the rule's
+// offsets on pad_value: odd free space, shrinking, enlarging, odd row bytes.
+TEST(Letterbox, EqualsTheResizerPlacedByTheRule) {
+  const std::array<std::array<int, 4>, 6> cases = {{{37, 23, 31, 31},
+                                                    {23, 37, 16, 9},
+                                                    {5, 3, 64, 48},
+                                                    {200, 7, 33, 40},
+                                                    {1, 9, 7, 5},
+                                                    {64, 48, 64, 64}}};
+  for (const auto& [w, h, W, H] : cases) {
+    yolo::RawImage im = solid_image(w, h, {0, 0, 0});
+    for (size_t i = 0; i < im.data.size(); ++i) im.data[i] = uint8_t(i * 37 + i / 7);
+    const float r = std::min(float(H) / float(h), float(W) / float(w));
+    const int nw = int(std::round(r * float(w)));
+    const int nh = int(std::round(r * float(h)));
+    std::vector<uint8_t> resized(size_t(nw) * nh * 3);
+    ASSERT_NE(
+        stbir_resize_uint8_linear(im.data.data(), w, h, 0, resized.data(), nw, nh, 0, STBIR_RGB),
+        nullptr);
+    yolo::RawImage want = solid_image(W, H, {9, 9, 9});
+    for (int y = 0; y < nh; ++y)
+      std::copy_n(&resized[size_t(y) * nw * 3], nw * 3,
+                  &want.data[(size_t((H - nh) / 2 + y) * W + (W - nw) / 2) * 3]);
+    EXPECT_EQ(yolo::letterbox(im, {W, H}, 9).data, want.data) << w << "x" << h << " to " << W;
   }
 }
 
@@ -261,6 +405,66 @@ TEST(Preprocess, AFailingImageStopsTheBatch) {
             "stbi_load failed for: " + missing);
 }
 
+// --- Batch preprocessing from memory ---------------------------------------------
+
+TEST(PreprocessImages, ViewsGiveTheFileBatchBitForBitWithTheGeometry) {
+  const std::string a = testimg::write(
+      testimg::make(45, 29, 3, [](int x, int y, int c) { return uint8_t(7 * x + 3 * y + 80 * c); }),
+      Format::Png, "pi-a.png");
+  const std::string b = testimg::write(
+      testimg::make(13, 40, 1, [](int x, int y, int) { return uint8_t(19 * x + 5 * y); }),
+      Format::Png, "pi-b.png");
+  const vemoproc::Image da = testimg::decode(a);
+  const vemoproc::Image db = testimg::decode(b);
+  // Both wide and portable paths; odd target sides give odd row bytes.
+  for (bool wide : {true, false}) {
+    vemoproc::detail::set_wide_paths_enabled(wide);
+    for (const std::array<int, 2> shape : {std::array<int, 2>{37, 33}, {64, 48}}) {
+      const auto files = yolo::preprocess({a, b}, shape);
+      for (const auto& [fa, fb] :
+           {std::pair{vemoproc::PixelFormat::RGB, vemoproc::PixelFormat::GRAY},
+            {vemoproc::PixelFormat::BGRA, vemoproc::PixelFormat::RGB},
+            {vemoproc::PixelFormat::RGB, vemoproc::PixelFormat::BGR}}) {
+        for (size_t pad : {size_t{0}, size_t{5}}) {
+          const auto la = testimg::lay_out(da, fa, pad);
+          const auto lb = testimg::lay_out(db, fb, pad);
+          const yolo::DetectionBatch batch = yolo::preprocess_images({la.view, lb.view}, shape);
+          ASSERT_EQ(batch.tensor.shape(), files.shape());
+          EXPECT_TRUE(std::equal(files.begin(), files.end(), batch.tensor.begin()))
+              << "formats " << int(fa) << "/" << int(fb) << " pad " << pad << " wide " << wide;
+          ASSERT_EQ(batch.letterbox.size(), 2u);
+          const auto ga = yolo::letterbox_info(45, 29, shape);
+          const auto gb = yolo::letterbox_info(13, 40, shape);
+          EXPECT_EQ(std::memcmp(&batch.letterbox[0], &ga, sizeof ga), 0);
+          EXPECT_EQ(std::memcmp(&batch.letterbox[1], &gb, sizeof gb), 0);
+        }
+      }
+    }
+  }
+  vemoproc::detail::set_wide_paths_enabled(true);
+}
+
+TEST(PreprocessImages, RefusesBadViewsAndImpossibleResizes) {
+  const std::vector<uint8_t> px(4 * 4 * 3, 50);
+  const vemoproc::ImageView ok{px.data(), 4, 4, 0, vemoproc::PixelFormat::RGB};
+  const vemoproc::ImageView null{nullptr, 4, 4, 0, vemoproc::PixelFormat::RGB};
+  EXPECT_THAT(error_of([&] {
+                yolo::preprocess_images({ok, null}, {8, 8});
+              }),
+              HasSubstr("images[1]"));
+  EXPECT_THAT(error_of([&] { yolo::preprocess_images({ok}, {8, -8}); }), HasSubstr("new_shape"));
+  // 1000 x 1 into 10 x 10 rounds to a block 0 rows high.
+  const std::vector<uint8_t> line(1000 * 3, 50);
+  EXPECT_EQ(
+      error_of([&] {
+        yolo::preprocess_images({{line.data(), 1000, 1, 0, vemoproc::PixelFormat::RGB}}, {10, 10});
+      }),
+      "stbir_resize_uint8_linear failed");
+  const auto empty = yolo::preprocess_images({}, {32, 16});
+  EXPECT_EQ(empty.tensor.shape(), (std::array<size_t, 4>{0, 3, 16, 32}));
+  EXPECT_TRUE(empty.letterbox.empty());
+}
+
 // --- Postprocessing -------------------------------------------------------------
 
 TEST(Postprocess, RejectsHeadsWithoutClassColumns) {
@@ -287,6 +491,35 @@ TEST(Postprocess, ConfidenceIsTheBestClassScoreAndStrictlyAboveThreshold) {
   EXPECT_EQ(dets[0].score, 0.6f);
   EXPECT_EQ(dets[1].class_id, 0);
   EXPECT_EQ(dets[1].score, 0.3f);
+}
+
+// The rejection of rows with no score above the threshold: only the last of
+// 80 classes above it (past any vector width), a NaN among the scores, and a
+// threshold of -infinity, which keeps even a row of -infinity scores at the
+// starting maximum (the lowest finite float).
+TEST(Postprocess, RowsAreRejectedOnlyWhenNoScoreIsAboveTheThreshold) {
+  std::vector<float> last_only(80, 0.1f);
+  last_only[79] = 0.7f;
+  std::vector<float> with_nan(80, 0.2f);
+  with_nan[3] = std::numeric_limits<float>::quiet_NaN();
+  with_nan[50] = 0.9f;
+  const auto dets =
+      yolo::postprocess(head({head_row(0, 0, 10, 10, last_only),
+                              head_row(100, 100, 110, 110, std::vector<float>(80, 0.25f)),
+                              head_row(200, 200, 210, 210, with_nan)}),
+                        k640, k640, 0.25f, 0.45f, 300);
+  ASSERT_EQ(dets.size(), 2u);
+  EXPECT_EQ(dets[0].class_id, 50);
+  EXPECT_EQ(dets[0].score, 0.9f);
+  EXPECT_EQ(dets[1].class_id, 79);
+  EXPECT_EQ(dets[1].score, 0.7f);
+
+  const float inf = std::numeric_limits<float>::infinity();
+  const auto floor =
+      yolo::postprocess(head({head_row(0, 0, 10, 10, {-inf, -inf})}), k640, k640, -inf, 0.45f, 300);
+  ASSERT_EQ(floor.size(), 1u);
+  EXPECT_EQ(floor[0].score, std::numeric_limits<float>::lowest());
+  EXPECT_EQ(floor[0].class_id, 0);
 }
 
 TEST(Postprocess, NmsIsGreedyPerClassWithStrictIou) {
@@ -343,6 +576,199 @@ TEST(Postprocess, UndoesTheLetterboxWithFloatGainAndClips) {
   EXPECT_EQ(scaled[0].x1, (100.0f + 0.1f) / 0.25f);
   EXPECT_EQ(scaled[0].y1, (100.0f - pad_y) / 0.25f);
   EXPECT_EQ(scaled[0].y2, (180.0f - pad_y) / 0.25f);
+}
+
+TEST(Postprocess, ZeroSizesAreRefusedNamingTheArgument) {
+  const auto h = head({head_row(0, 0, 10, 10, {0.9f, 0})});
+  const auto error = [&](std::array<size_t, 2> in, std::array<size_t, 2> orig) {
+    return error_of([&] { yolo::postprocess(h, in, orig, 0.25f, 0.45f, 300); });
+  };
+  EXPECT_THAT(error({0, 0}, k640), HasSubstr("input_shape"));
+  EXPECT_THAT(error({640, 0}, k640), HasSubstr("input_shape"));
+  EXPECT_THAT(error(k640, {0, 0}), HasSubstr("original_shape"));
+  EXPECT_THAT(error(k640, {480, 0}), HasSubstr("original_shape"));
+}
+
+// Greedy NMS tests only the pairs that can overlap; the result must stay the
+// pair-by-pair rule's, order included, for crowded heads with NaN, infinite,
+// empty and inverted boxes, and thresholds of every sign.
+TEST(Postprocess, NmsKeepsExactlyWhatThePairByPairRuleKeeps) {
+  for (uint32_t seed = 1; seed <= 12; ++seed) {
+    const auto h = random_head(400 + 50 * seed, 3, seed);
+    for (float iou : {0.45f, 0.0f, 0.9f, -0.2f, std::numeric_limits<float>::quiet_NaN()}) {
+      for (size_t max_det : {size_t{1000}, size_t{7}}) {
+        const auto want = reference_nms(h, 0.1f, iou, max_det, false);
+        EXPECT_EQ(scores_of(yolo::postprocess(h, k640, k640, 0.1f, iou, max_det)), want)
+            << "seed " << seed << " iou " << iou;
+        auto agnostic = options(0.1f, iou, max_det);
+        agnostic.agnostic = true;
+        EXPECT_EQ(scores_of(yolo::postprocess(h, kIdentity, agnostic)),
+                  reference_nms(h, 0.1f, iou, max_det, true))
+            << "agnostic, seed " << seed << " iou " << iou;
+      }
+    }
+  }
+}
+
+// 200,000 disjoint boxes all pass the threshold and all survive; the pairs
+// that cannot overlap are never tested, so this takes well under a second.
+TEST(Postprocess, ManyDisjointBoxesAreCheap) {
+  for (bool column : {false, true}) {
+    std::vector<std::vector<float>> rows;
+    for (int i = 0; i < 200000; ++i) {
+      const float x = column ? 0.0f : float(i % 500) * 3;
+      const float y = column ? float(i) * 3 : float(i / 500) * 3;
+      rows.push_back(head_row(x, y, x + 2, y + 2, {0.3f + float(i % 1000) * 0.0005f, 0.0f}));
+    }
+    const auto dets = yolo::postprocess(head(rows), k640, k640, 0.25f, 0.45f, 1000000000);
+    ASSERT_EQ(dets.size(), 200000u);
+    EXPECT_GE(dets.front().score, dets.back().score);
+  }
+}
+
+// --- Postprocessing with the letterbox geometry -----------------------------------
+
+// Both overloads select the same boxes (the mapping back differs: see the
+// end-to-end test for the exact inverse).
+TEST(PostprocessGeometry, SelectsWhatTheShapeOverloadSelects) {
+  const auto h = random_head(600, 4, 99);
+  const auto shaped = yolo::postprocess(h, {100, 100}, {61, 97}, 0.2f, 0.5f, 40);
+  const auto geo =
+      yolo::postprocess(h, yolo::letterbox_info(97, 61, {100, 100}), options(0.2f, 0.5f, 40));
+  ASSERT_EQ(scores_of(geo), scores_of(shaped));
+  for (size_t k = 0; k < geo.size(); ++k) EXPECT_EQ(geo[k].class_id, shaped[k].class_id);
+}
+
+TEST(PostprocessGeometry, ChannelsFirstHeadsAreReadInPlace) {
+  // 1000 candidates: several blocks and a partial one.
+  for (uint32_t seed : {3u, 4u}) {
+    const auto rows = random_head(1000, 80, seed);
+    const xt::xtensor<float, 2> cn = xt::transpose(rows);
+    auto o = options(0.3f, 0.45f, 300);
+    const auto want = yolo::postprocess(rows, kIdentity, o);
+    o.channels_first = true;
+    EXPECT_EQ(bytes_of(yolo::postprocess(cn, kIdentity, o)), bytes_of(want));
+    o.objectness = true;
+    const auto obj_cn = yolo::postprocess(cn, kIdentity, o);
+    o.channels_first = false;
+    EXPECT_EQ(bytes_of(obj_cn), bytes_of(yolo::postprocess(rows, kIdentity, o)));
+  }
+}
+
+TEST(PostprocessGeometry, ObjectnessMultipliesEveryClassScore) {
+  // Columns: box, objectness, two classes. 0.5 * 0.9 = 0.45 for class 1;
+  // 0.2 * 0.95 = 0.19 is at or below 0.25 and dropped.
+  auto o = options(0.25f, 0.45f, 300);
+  o.objectness = true;
+  const auto dets = yolo::postprocess(head({head_row(0, 0, 10, 10, {0.5f, 0.6f, 0.9f}),
+                                            head_row(50, 50, 60, 60, {0.2f, 0.95f, 0})}),
+                                      kIdentity, o);
+  ASSERT_EQ(dets.size(), 1u);
+  EXPECT_EQ(dets[0].score, 0.5f * 0.9f);
+  EXPECT_EQ(dets[0].class_id, 1);
+
+  // Any head equals the plain head of its products.
+  const auto h = random_head(500, 6, 8);
+  xt::xtensor<float, 2> plain = xt::zeros<float>({h.shape(0), h.shape(1) - 1});
+  for (size_t i = 0; i < h.shape(0); ++i) {
+    for (size_t j = 0; j < 4; ++j) plain(i, j) = h(i, j);
+    for (size_t j = 5; j < h.shape(1); ++j) plain(i, j - 1) = h(i, 4) * h(i, j);
+  }
+  o.conf_threshold = 0.01f;
+  const auto with_objectness = yolo::postprocess(h, kIdentity, o);
+  o.objectness = false;
+  EXPECT_EQ(bytes_of(with_objectness), bytes_of(yolo::postprocess(plain, kIdentity, o)));
+}
+
+TEST(PostprocessGeometry, ClassFilterAgnosticNmsAndTheCandidateCap) {
+  // a (class 1, 0.9) covers b (class 0, 0.8).
+  const auto h = head({head_row(0, 0, 10, 10, {0, 0.9f}), head_row(1, 0, 11, 10, {0.8f, 0}),
+                       head_row(100, 0, 110, 10, {0, 0.7f})});
+  auto o = options(0.25f, 0.45f, 300);
+  EXPECT_EQ(scores_of(yolo::postprocess(h, kIdentity, o)), (std::vector<float>{0.9f, 0.8f, 0.7f}));
+  o.agnostic = true;
+  EXPECT_EQ(scores_of(yolo::postprocess(h, kIdentity, o)), (std::vector<float>{0.9f, 0.7f}));
+  // Dropped before NMS: a no longer suppresses b.
+  o.classes = {0};
+  EXPECT_EQ(scores_of(yolo::postprocess(h, kIdentity, o)), (std::vector<float>{0.8f}));
+  o.classes = {1, 5};
+  EXPECT_EQ(scores_of(yolo::postprocess(h, kIdentity, o)), (std::vector<float>{0.9f, 0.7f}));
+
+  // The cap keeps the highest scores; of equal scores the earlier candidate.
+  std::vector<std::vector<float>> rows;
+  for (float s : {0.3f, 0.9f, 0.5f, 0.7f, 0.5f, 0.4f})
+    rows.push_back(head_row(float(rows.size()) * 20, 0, float(rows.size()) * 20 + 10, 10, {s, 0}));
+  auto capped = options(0.25f, 0.45f, 300);
+  capped.max_candidates = 3;
+  const auto top = yolo::postprocess(head(rows), kIdentity, capped);
+  EXPECT_EQ(scores_of(top), (std::vector<float>{0.9f, 0.7f, 0.5f}));
+  EXPECT_EQ(top[2].x1, 40.0f);
+  capped.max_candidates = 0;
+  EXPECT_TRUE(yolo::postprocess(head(rows), kIdentity, capped).empty());
+}
+
+TEST(PostprocessGeometry, BatchesEqualSingleImages) {
+  const auto a = random_head(300, 5, 21);
+  const auto b = random_head(300, 5, 22);
+  xt::xtensor<float, 3> heads = xt::zeros<float>({size_t{2}, size_t{300}, size_t{9}});
+  xt::view(heads, 0) = a;
+  xt::view(heads, 1) = b;
+  const std::vector<yolo::LetterboxInfo> geo = {yolo::letterbox_info(300, 200, {100, 100}),
+                                                yolo::letterbox_info(50, 90, {100, 100})};
+  const auto o = options(0.2f, 0.5f, 100);
+  const auto both = yolo::postprocess_batch(heads, geo, o);
+  ASSERT_EQ(both.size(), 2u);
+  EXPECT_EQ(bytes_of(both[0]), bytes_of(yolo::postprocess(a, geo[0], o)));
+  EXPECT_EQ(bytes_of(both[1]), bytes_of(yolo::postprocess(b, geo[1], o)));
+
+  auto cf = o;
+  cf.channels_first = true;
+  const xt::xtensor<float, 3> heads_cn = xt::transpose(heads, {0, 2, 1});
+  const auto both_cn = yolo::postprocess_batch(heads_cn, geo, cf);
+  EXPECT_EQ(bytes_of(both_cn[0]), bytes_of(both[0]));
+  EXPECT_EQ(bytes_of(both_cn[1]), bytes_of(both[1]));
+  EXPECT_THAT(error_of([&] { yolo::postprocess_batch(heads, {geo[0]}, o); }),
+              HasSubstr("letterbox"));
+}
+
+TEST(PostprocessGeometry, EndToEndRowsKeepTheirOrder) {
+  // 1280 x 720 into 640 x 640: scale 0.5, block 640 x 360, top 140.
+  const yolo::LetterboxInfo g = yolo::letterbox_info(1280, 720, {640, 640});
+  const auto rows = head({{10, 150, 110, 250, 0.6f, 2.9f},
+                          {0, 0, 5, 5, 0.25f, 1},  // at the threshold: dropped
+                          {-20, 100, 700, 600, 0.9f, -1.5f},
+                          {1, 2, 3, 4, 0.3f, 7}});
+  const auto dets = yolo::postprocess_end2end(rows, g, 0.25f);
+  ASSERT_EQ(dets.size(), 3u);
+  // The second box is clipped to the image.
+  EXPECT_EQ(bytes_of({dets[0], dets[1]}),
+            bytes_of({{20, 20, 220, 220, 0.6f, 2}, {0, 0, 1280, 720, 0.9f, -1}}));
+  EXPECT_EQ(dets[2].score, 0.3f);
+  EXPECT_EQ(dets[2].class_id, 7);
+}
+
+TEST(PostprocessGeometry, BadShapesAreRefusedNamingTheArgument) {
+  const yolo::LetterboxInfo g = yolo::letterbox_info(64, 64, {64, 64});
+  yolo::LetterboxInfo empty = g;
+  empty.new_width = 0;
+  yolo::PostprocessOptions plain, older_cn;
+  older_cn.objectness = older_cn.channels_first = true;
+  const auto error = [](const xt::xtensor<float, 2>& h, const yolo::LetterboxInfo& lb,
+                        const yolo::PostprocessOptions& o) {
+    return error_of([&] { yolo::postprocess(h, lb, o); });
+  };
+  // One class: 5 columns are enough.
+  EXPECT_EQ(yolo::postprocess(head({head_row(0, 0, 4, 4, {0.9f})}), g, plain).size(), 1u);
+  EXPECT_THAT(error(xt::zeros<float>({3, 4}), g, plain),
+              HasSubstr("head needs at least 5 columns"));
+  EXPECT_THAT(error(xt::zeros<float>({5, 9}), g, older_cn),
+              HasSubstr("head needs at least 6 rows"));
+  EXPECT_THAT(error(xt::zeros<float>({3, 6}), empty, plain), HasSubstr("letterbox"));
+  const xt::xtensor<float, 3> one = xt::zeros<float>({1, 3, 6});
+  EXPECT_THAT(error_of([&] { yolo::postprocess_batch(one, {empty}, plain); }),
+              HasSubstr("letterbox[0]"));
+  const xt::xtensor<float, 2> five = xt::zeros<float>({3, 5});
+  EXPECT_THAT(error_of([&] { yolo::postprocess_end2end(five, g, 0.5f); }), HasSubstr("rows needs"));
 }
 
 // --- Drawing ---------------------------------------------------------------------
@@ -409,4 +835,57 @@ TEST(DrawDetections, HostileBoxesAndLabelsStayInsideTheImage) {
   lying.height = 40;
   EXPECT_THAT(error_of([&] { yolo::draw_detections(lying, {}, {}, true, 1); }),
               HasSubstr("image.data"));
+}
+
+// The outline, step by step as stated: step t paints rows ya and yb over
+// [xa, xb] when xa <= xb and columns xa and xb over [ya, yb] when ya <= yb.
+void paint_outline_stepwise(yolo::RawImage& im, const yolo::Detection& d, int thickness, RGB rgb) {
+  const auto cx = [&](long v) { return int(std::min<long>(std::max<long>(v, 0), im.width - 1)); };
+  const auto cy = [&](long v) { return int(std::min<long>(std::max<long>(v, 0), im.height - 1)); };
+  const int x1 = cx(long(d.x1)), y1 = cy(long(d.y1)), x2 = cx(long(d.x2)), y2 = cy(long(d.y2));
+  const auto put = [&](int x, int y) {
+    std::copy(rgb.begin(), rgb.end(), im.data.begin() + (long(y) * im.width + x) * 3);
+  };
+  for (long t = 0; t < thickness; ++t) {
+    const int xa = cx(x1 - t), xb = cx(x2 + t), ya = cy(y1 - t), yb = cy(y2 + t);
+    for (int x = xa; x <= xb; ++x) put(x, ya), put(x, yb);
+    for (int y = ya; y <= yb; ++y) put(xa, y), put(xb, y);
+  }
+}
+
+TEST(DrawDetections, OutlinesAreTheStepwiseRulesPixels) {
+  const RGB bg = {1, 2, 3};
+  const std::vector<float> coords = {-3, 0, 2, 4, 6, 30};
+  for (const auto& [w, h] : {std::pair{9, 7}, {1, 6}, {6, 1}, {12, 12}}) {
+    for (float x1 : coords)
+      for (float x2 : coords)
+        for (float y1 : coords)
+          for (float y2 : coords) {
+            const yolo::Detection d = {x1, y1, x2, y2, 0.5f, 3};
+            // The label alone, painted over the outline afterwards.
+            auto label = solid_image(w, h, bg);
+            yolo::draw_detections(label, {d}, {}, false, 0);
+            for (int thickness : {1, 2, 3, 5, 8, 40}) {
+              auto want = solid_image(w, h, bg);
+              paint_outline_stepwise(want, d, thickness, {0, 223, 183});
+              for (size_t i = 0; i < want.data.size(); i += 3)
+                if (pixel(label, int(i / 3 % w), int(i / 3 / w)) != bg)
+                  std::copy_n(&label.data[i], 3, &want.data[i]);
+              auto got = solid_image(w, h, bg);
+              yolo::draw_detections(got, {d}, {}, false, thickness);
+              ASSERT_EQ(got.data, want.data) << w << "x" << h << " box " << x1 << "," << y1 << " "
+                                             << x2 << "," << y2 << " t " << thickness;
+            }
+          }
+  }
+}
+
+// One box on a 1 x 300000 image with the largest thickness used to take
+// about a minute; filled as rectangles it is one pass over the image.
+TEST(DrawDetections, HugeThicknessOnATallImageIsCheap) {
+  auto im = solid_image(1, 300000, {0, 0, 0});
+  yolo::draw_detections(im, {{0, 0, 0, 299999, 0.5f, 0}}, {}, false,
+                        std::numeric_limits<int>::max());
+  EXPECT_EQ(pixel(im, 0, 150000), (RGB{4, 42, 255}));
+  EXPECT_EQ(pixel(im, 0, 299999), (RGB{4, 42, 255}));
 }

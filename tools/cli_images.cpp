@@ -32,7 +32,7 @@ std::vector<uint8_t> read_source(const std::string& arg) {
   return bytes;
 }
 
-struct RawSpec {
+struct RawLayout {
   int width = 0;
   int height = 0;
   bool yuv = false;
@@ -41,7 +41,7 @@ struct RawSpec {
   vemoproc::YuvRange range = vemoproc::YuvRange::Video;
 };
 
-RawSpec parse_raw(const std::string& text) {
+RawLayout parse_raw(const std::string& text) {
   const auto bad = [&] {
     return std::runtime_error(
         "--raw expects WIDTHxHEIGHT:FORMAT (rgb, bgr, rgba, bgra, gray, "
@@ -51,12 +51,12 @@ RawSpec parse_raw(const std::string& text) {
   const size_t colon = text.find(':');
   const size_t x = text.find_first_of("xX");
   if (colon == std::string::npos || x == std::string::npos || x > colon) throw bad();
-  RawSpec spec;
+  RawLayout frame;
   const char* s = text.data();
-  const auto w = std::from_chars(s, s + x, spec.width);
-  const auto h = std::from_chars(s + x + 1, s + colon, spec.height);
+  const auto w = std::from_chars(s, s + x, frame.width);
+  const auto h = std::from_chars(s + x + 1, s + colon, frame.height);
   if (w.ec != std::errc() || w.ptr != s + x || h.ec != std::errc() || h.ptr != s + colon ||
-      spec.width <= 0 || spec.height <= 0) {
+      frame.width <= 0 || frame.height <= 0) {
     throw bad();
   }
   std::string format = text.substr(colon + 1);
@@ -67,27 +67,27 @@ RawSpec parse_raw(const std::string& text) {
   using vemoproc::PixelFormat;
   using vemoproc::YuvLayout;
   if (format == "nv12" || format == "nv21" || format == "i420") {
-    spec.yuv = true;
-    spec.layout = format == "nv12"   ? YuvLayout::NV12
+    frame.yuv = true;
+    frame.layout = format == "nv12"   ? YuvLayout::NV12
                   : format == "nv21" ? YuvLayout::NV21
                                      : YuvLayout::I420;
-    spec.range = is_full ? vemoproc::YuvRange::Full : vemoproc::YuvRange::Video;
-    return spec;
+    frame.range = is_full ? vemoproc::YuvRange::Full : vemoproc::YuvRange::Video;
+    return frame;
   }
   if (is_full) throw bad();
   if (format == "rgb")
-    spec.format = PixelFormat::RGB;
+    frame.format = PixelFormat::RGB;
   else if (format == "bgr")
-    spec.format = PixelFormat::BGR;
+    frame.format = PixelFormat::BGR;
   else if (format == "rgba")
-    spec.format = PixelFormat::RGBA;
+    frame.format = PixelFormat::RGBA;
   else if (format == "bgra")
-    spec.format = PixelFormat::BGRA;
+    frame.format = PixelFormat::BGRA;
   else if (format == "gray")
-    spec.format = PixelFormat::GRAY;
+    frame.format = PixelFormat::GRAY;
   else
     throw bad();
-  return spec;
+  return frame;
 }
 
 }  // namespace
@@ -102,29 +102,29 @@ vemoproc::Image read_image(const std::string& arg, const std::string& raw) {
       throw std::runtime_error(name + ": " + e.what());
     }
   }
-  const RawSpec spec = parse_raw(raw);
+  const RawLayout frame = parse_raw(raw);
   const std::vector<uint8_t> bytes = read_source(arg);
-  const size_t w = static_cast<size_t>(spec.width);
-  const size_t h = static_cast<size_t>(spec.height);
+  const size_t w = static_cast<size_t>(frame.width);
+  const size_t h = static_cast<size_t>(frame.height);
   const size_t cw = (w + 1) / 2;
   const size_t ch = (h + 1) / 2;
   const size_t expected =
-      spec.yuv ? w * h + 2 * cw * ch : w * h * vemoproc::channels_of(spec.format);
+      frame.yuv ? w * h + 2 * cw * ch : w * h * vemoproc::channels_of(frame.format);
   if (bytes.size() != expected) {
     throw std::runtime_error(name + ": a " + raw + " frame is " + std::to_string(expected) +
                              " bytes, got " + std::to_string(bytes.size()));
   }
-  if (!spec.yuv) {
+  if (!frame.yuv) {
     return vemoproc::to_rgb(
-        vemoproc::ImageView{bytes.data(), spec.width, spec.height, 0, spec.format});
+        vemoproc::ImageView{bytes.data(), frame.width, frame.height, 0, frame.format});
   }
   // Planes one after another: Y, then the interleaved chroma (NV12/NV21) or U then V (I420).
   const uint8_t* y = bytes.data();
   const uint8_t* u = y + w * h;
-  const bool planar = spec.layout == vemoproc::YuvLayout::I420;
+  const bool planar = frame.layout == vemoproc::YuvLayout::I420;
   const uint8_t* v = planar ? u + cw * ch : nullptr;
-  return vemoproc::to_rgb(vemoproc::YuvView{y, w, u, planar ? cw : 2 * cw, v, cw, spec.width,
-                                            spec.height, spec.layout, spec.range});
+  return vemoproc::to_rgb(vemoproc::YuvView{y, w, u, planar ? cw : 2 * cw, v, cw, frame.width,
+                                            frame.height, frame.layout, frame.range});
 }
 
 void check_stdin_once(const std::vector<std::string>& args) {

@@ -95,11 +95,11 @@ void shift_file(const std::string& in_path, const std::string& out_path, Shift s
   const uint8_t* data = bytes.data();
   switch (header.type) {
     case cli::NpyType::Int32:
-      return cli::write_npy(out_path,
-                            from_float<int32_t>(shift(exact_codes<int32_t>(header, data, in_path))));
+      return cli::write_npy(
+          out_path, from_float<int32_t>(shift(exact_codes<int32_t>(header, data, in_path))));
     case cli::NpyType::Int64:
-      return cli::write_npy(out_path,
-                            from_float<int64_t>(shift(exact_codes<int64_t>(header, data, in_path))));
+      return cli::write_npy(
+          out_path, from_float<int64_t>(shift(exact_codes<int64_t>(header, data, in_path))));
     case cli::NpyType::Float32:
       return cli::write_npy(out_path, shift(cli::npy_values<float>(header, data, in_path)));
     case cli::NpyType::Float64:
@@ -121,7 +121,9 @@ void add_text(CLI::App& app) {
   cmd->add_option("--max-len", *max_len, "Token count (pad or cut)")
       ->check(cli::integer_in(0, 1 << 24))
       ->capture_default_str();
-  cmd->add_option("--pad", *pad, "Pad token")->check(cli::integer_in(0, 255))->capture_default_str();
+  cmd->add_option("--pad", *pad, "Pad token")
+      ->check(cli::integer_in(0, 255))
+      ->capture_default_str();
   cmd->add_option("-o,--output", *out, "Write the [1, max-len] uint8 tokens as .npy");
   cmd->callback([=] {
     dia::DiaPreprocessor dp;
@@ -194,6 +196,8 @@ void add_sample(CLI::App& app) {
   auto temperature = std::make_shared<float>(1.3f);
   auto top_p = std::make_shared<float>(0.95f);
   auto top_k = std::make_shared<int>(35);
+  auto seed = std::make_shared<uint64_t>(0);
+  auto min_p = std::make_shared<float>(0.0f);
   cmd->add_option("logits", *in, "[C, V] logits (.npy: float32, float64, int32 or int64)")
       ->required();
   cmd->add_option("--temperature", *temperature, "0 picks the argmax")
@@ -205,12 +209,20 @@ void add_sample(CLI::App& app) {
   cmd->add_option("--top-k", *top_k, "Best scores kept (0 disables)")
       ->check(cli::integer_in(0, std::numeric_limits<int>::max()))
       ->capture_default_str();
+  auto* seed_opt =
+      cmd->add_option("--seed", *seed, "Reproducible draw: the same seed gives the same codes");
+  cmd->add_option("--min-p", *min_p, "Drop codes below this share of the row's best (0 disables)")
+      ->check(cli::finite_float())
+      ->needs(seed_opt)
+      ->capture_default_str();
   cmd->callback([=] {
     const xt::xarray<float> logits = cli::load_npy_as_float(*in);
     dia::DiaPreprocessor dp;
-    for (int code : dp.sampleNextToken(logits, *temperature, *top_p, *top_k)) {
-      std::cout << code << "\n";
-    }
+    const auto codes =
+        seed_opt->count() == 0
+            ? dp.sampleNextToken(logits, *temperature, *top_p, *top_k)
+            : dp.sampleNextToken(logits, {*temperature, *top_p, *top_k, *min_p}, *seed);
+    for (int code : codes) std::cout << code << "\n";
   });
 }
 

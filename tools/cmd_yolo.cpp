@@ -14,6 +14,7 @@
 #include <xtensor/xview.hpp>
 
 #include "cli_common.hpp"
+#include "cli_images.hpp"
 #include "stb_image_write.h"
 #include "yolo.hpp"
 
@@ -93,10 +94,30 @@ xt::xtensor<float, 2> head_rows(xt::xarray<float> head, const std::string& layou
   return head;
 }
 
+// An NMS-free head as [N, 6] rows (x1 y1 x2 y2 score class): [N, 6] or [1, N, 6].
+xt::xtensor<float, 2> end2end_rows(xt::xarray<float> head, const std::string& path) {
+  if (head.dimension() == 3 && head.shape(0) == 1) head = xt::view(head, 0);
+  if (head.dimension() != 2 || head.shape(1) != 6) {
+    throw std::runtime_error(path +
+                             ": --end2end expects rows of 6 values (x1 y1 x2 y2 score "
+                             "class), as [N, 6] or [1, N, 6]");
+  }
+  return head;
+}
+
+// An image argument as a RawImage: a path through the family's loader (its
+// own messages), standard input or a raw frame through the shared reader.
+yolo::RawImage raw_image(const std::string& arg, const std::string& raw) {
+  if (cli::needs_reading(arg, raw)) return yolo::RawImage(cli::read_image(arg, raw).view());
+  cli::require_file(arg);
+  return yolo::RawImage(arg);
+}
+
 // --- yolo-preprocess -----------------------------------------------------------
 
 struct PreprocessArgs {
   std::vector<std::string> images;
+  std::string raw;
   std::string size = "640x640";
   std::string output;
 };
@@ -104,8 +125,22 @@ struct PreprocessArgs {
 void run_preprocess(const PreprocessArgs& a) {
   const auto shape = cli::parse_size(a.size, "--size");
   cli::check_pixels(shape[0], shape[1], "--size");
-  for (const auto& p : a.images) cli::require_file(p);
-  const auto batch = yolo::preprocess(a.images, shape);
+  cli::check_stdin_once(a.images);
+  xt::xtensor<float, 4> batch;
+  if (std::none_of(a.images.begin(), a.images.end(),
+                   [&](const std::string& p) { return cli::needs_reading(p, a.raw); })) {
+    for (const auto& p : a.images) cli::require_file(p);
+    batch = yolo::preprocess(a.images, shape);
+  } else {
+    // Standard input or raw frames: every image as a view, the same tensor.
+    std::vector<yolo::RawImage> images;
+    for (const auto& p : a.images) images.push_back(raw_image(p, a.raw));
+    std::vector<vemoproc::ImageView> views;
+    for (const auto& im : images) {
+      views.push_back({im.data.data(), im.width, im.height, 0, vemoproc::PixelFormat::RGB});
+    }
+    batch = yolo::preprocess_images(views, shape).tensor;
+  }
   cli::write_npy(a.output, batch);
   std::cout << "wrote " << a.output << ": float32 [" << batch.shape(0) << ", 3, " << batch.shape(2)
             << ", " << batch.shape(3) << "]\n";
@@ -125,18 +160,41 @@ struct PostprocessArgs {
   std::string layout = "nc";
   bool layout_given = false;
   int thickness = 2;
+  std::string raw;
+  bool agnostic = false;
+  bool end2end = false;
+  bool exact = false;
 };
 
 void run_postprocess(const PostprocessArgs& a) {
   const auto in = cli::parse_size(a.input_size, "--input-size");
   const auto names = read_names(a.names);
-  cli::require_file(a.image);
-  yolo::RawImage image(a.image);
-  const auto head = head_rows(cli::load_npy_as_float(a.head), a.layout, a.layout_given, a.head);
-  const auto dets =
-      yolo::postprocess(head, {static_cast<size_t>(in[1]), static_cast<size_t>(in[0])},
-                        {static_cast<size_t>(image.height), static_cast<size_t>(image.width)},
-                        a.conf, a.iou, a.max_det);
+  yolo::RawImage image = raw_image(a.image, a.raw);
+  std::vector<yolo::Detection> dets;
+  if (a.end2end || a.agnostic || a.exact) {
+    // Boxes mapped back with the geometry the letterbox applied.
+    const yolo::LetterboxInfo g = yolo::letterbox_info(image.width, image.height, in);
+    std::cout << "letterbox: " << g.original_width << "x" << g.original_height << " scaled by "
+              << g.scale << " to " << g.new_width << "x" << g.new_height << " at (" << g.left
+              << ", " << g.top << ")\n";
+    if (a.end2end) {
+      dets = yolo::postprocess_end2end(end2end_rows(cli::load_npy_as_float(a.head), a.head), g,
+                                       a.conf);
+    } else {
+      yolo::PostprocessOptions options;
+      options.conf_threshold = a.conf;
+      options.iou_threshold = a.iou;
+      options.max_det = a.max_det;
+      options.agnostic = a.agnostic;
+      dets = yolo::postprocess(
+          head_rows(cli::load_npy_as_float(a.head), a.layout, a.layout_given, a.head), g, options);
+    }
+  } else {
+    const auto head = head_rows(cli::load_npy_as_float(a.head), a.layout, a.layout_given, a.head);
+    dets = yolo::postprocess(head, {static_cast<size_t>(in[1]), static_cast<size_t>(in[0])},
+                             {static_cast<size_t>(image.height), static_cast<size_t>(image.width)},
+                             a.conf, a.iou, a.max_det);
+  }
   print_detections(dets, names);
   if (!a.draw.empty()) {
     yolo::draw_detections(image, dets, names, true, a.thickness);
@@ -236,6 +294,7 @@ xt::xtensor<float, 2> synthetic_head(const std::vector<SceneObject>& objects, in
 
 struct DemoArgs {
   std::string image;
+  std::string raw;
   std::string output = "vemoproc-demo.png";
   std::string size = "640x640";
 };
@@ -254,8 +313,12 @@ void run_demo(const DemoArgs& a) {
       input = (std::filesystem::temp_directory_path() / "vemoproc-demo-scene.png").string();
       write_png(scene, input);
     } else {
-      cli::require_file(a.image);
-      scene = yolo::RawImage(a.image);
+      scene = raw_image(a.image, a.raw);
+      if (cli::needs_reading(a.image, a.raw)) {
+        // The preprocess stage reads a file: standard input goes through one.
+        input = (std::filesystem::temp_directory_path() / "vemoproc-demo-input.png").string();
+        write_png(scene, input);
+      }
       // Without a network, an arbitrary photo gets three boxes at fixed spots.
       const float w = float(scene.width), h = float(scene.height);
       objects = {{0, 0.1f * w, 0.2f * h, 0.45f * w, 0.9f * h},
@@ -296,7 +359,11 @@ void run_demo(const DemoArgs& a) {
 void add_yolo_commands(CLI::App& app) {
   auto pre = std::make_shared<PreprocessArgs>();
   auto* p = app.add_subcommand("yolo-preprocess", "Letterbox images into a [N,3,H,W] float .npy");
-  p->add_option("images", pre->images, "Image files (any format stb_image reads)")->required();
+  p->add_option(
+       "images", pre->images,
+       "Image files (any format stb_image reads); - for an encoded image on standard input")
+      ->required();
+  p->add_option("--raw", pre->raw, cli::kRawHelp);
   p->add_option("--size", pre->size, "Network input size WIDTHxHEIGHT")->capture_default_str();
   p->add_option("-o,--output", pre->output, "Output .npy file")->required();
   p->callback([pre] { run_preprocess(*pre); });
@@ -305,8 +372,15 @@ void add_yolo_commands(CLI::App& app) {
   auto* q = app.add_subcommand("yolo-postprocess", "Decode a raw detection head into boxes");
   q->add_option("head", post->head, "Head .npy: [N, 4+classes] or [1, N, 4+classes]")->required();
   q->add_option("--input-size", post->input_size, "Network input size WIDTHxHEIGHT")->required();
-  q->add_option("--image", post->image, "The original image (for its size, and --draw)")
+  q->add_option("--image", post->image,
+                "The original image (for its size, and --draw); - for standard input")
       ->required();
+  q->add_option("--raw", post->raw, cli::kRawHelp);
+  q->add_flag("--agnostic", post->agnostic, "NMS across classes (maps back as --exact)");
+  q->add_flag("--end2end", post->end2end,
+              "NMS-free head of [N, 6] rows x1 y1 x2 y2 score class (maps back as --exact)");
+  q->add_flag("--exact", post->exact,
+              "Map boxes back with the geometry the letterbox applied, and print it");
   q->add_option("--conf", post->conf, "Confidence threshold (strictly above)")
       ->check(cli::finite_float())
       ->capture_default_str();
@@ -333,7 +407,9 @@ void add_yolo_commands(CLI::App& app) {
   auto demo = std::make_shared<DemoArgs>();
   auto* d =
       app.add_subcommand("demo", "Run detection pre/post-processing end to end on a sample scene");
-  d->add_option("--image", demo->image, "Use this image instead of the painted sample scene");
+  d->add_option("--image", demo->image,
+                "Use this image instead of the painted sample scene (- for standard input)");
+  d->add_option("--raw", demo->raw, cli::kRawHelp);
   d->add_option("-o,--output", demo->output, "Annotated PNG to write")->capture_default_str();
   d->add_option("--size", demo->size, "Network input size WIDTHxHEIGHT")->capture_default_str();
   d->callback([demo] { run_demo(*demo); });

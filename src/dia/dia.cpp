@@ -1,8 +1,8 @@
 // Speech-synthesis helpers, top to bottom: text tokens, the delay index pairs
 // and the two shifts that use them (apply, revert), the decoder's initial
-// audio block, next-code sampling, attention masks.
+// audio block, next-code sampling (unseeded and seeded), guidance and code
+// masks, attention masks.
 #include "dia.hpp"
-#include "../pixels/cpu.hpp"
 
 #include <algorithm>
 #include <cmath>
@@ -12,6 +12,7 @@
 #include <limits>
 #include <random>
 #include <stdexcept>
+#include <utility>
 
 #if defined(__x86_64__) || defined(__i386__)
 #include <immintrin.h>
@@ -19,6 +20,8 @@
 
 #include <xtensor/xadapt.hpp>
 #include <xtensor/xbuilder.hpp>
+
+#include "../pixels/cpu.hpp"
 
 namespace dia {
 
@@ -549,6 +552,50 @@ int draw(const Candidates& c, const std::vector<float>& p) {
   return tokens[static_cast<size_t>(distribution(engine))];
 }
 
+// The seeded filters' last step: on the softmax of the candidates left by
+// top-k and top-p, drop those whose probability is below min_p times the
+// largest. With min_p <= 1 the most probable candidate always stays.
+Candidates min_p_candidates(const Candidates& c, const std::vector<float>& p, float min_p) {
+  float largest = 0.0f;
+  for (float v : p) largest = v > largest ? v : largest;
+  const float floor = min_p * largest;
+  Candidates kept;
+  for (size_t j = 0; j < c.size(); ++j) {
+    if (!(p[j] < floor)) kept.push_back(c[j]);
+  }
+  return kept;
+}
+
+// The standard splitmix64 finaliser: spreads consecutive seeds (seed + r)
+// over the engine's whole seed space.
+uint64_t splitmix64(uint64_t z) {
+  z += 0x9E3779B97F4A7C15ull;
+  z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+  z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+  return z ^ (z >> 31);
+}
+
+// Inverse-CDF draw fixed to the bit: the engine's output sequence and every
+// float operation here are defined by the standard, so no library's
+// distribution code is involved. Candidates are in index order and removed
+// entries have probability 0, which moves no float sum, so the walk over the
+// candidates picks what a walk over the whole row would.
+int seeded_draw(const Candidates& c, const std::vector<float>& p, uint64_t row_seed) {
+  std::mt19937_64 engine(splitmix64(row_seed));
+  const float u = static_cast<float>(engine() >> 40) * 0x1p-24f;
+  float total = 0.0f;
+  for (float v : p) total += v;
+  const float threshold = u * total;
+  float running = 0.0f;
+  size_t last_nonzero = 0;
+  for (size_t j = 0; j < c.size(); ++j) {
+    running += p[j];
+    if (p[j] > 0.0f) last_nonzero = j;
+    if (running > threshold) return c[j].index;
+  }
+  return c[last_nonzero].index;
+}
+
 // Argmax along axis 1 of any tensor of two or more dimensions: the first
 // index of the largest value (a later value must be strictly greater).
 xt::xarray<int> greedy(const xt::xarray<float>& logits) {
@@ -583,8 +630,14 @@ xt::xarray<int> greedy(const xt::xarray<float>& logits) {
 
 }  // namespace
 
-xt::xarray<int> DiaPreprocessor::sampleNextToken(const xt::xarray<float>& logits, float temperature,
-                                                 float top_p, int top_k) {
+namespace {
+
+// Both forms share everything but the draw: greedy for temperature 0, the
+// shape checks, and per row the scaling, top-k and top-p. draw(r, candidates)
+// turns row r's candidates (index order) into its code.
+template <class Draw>
+xt::xarray<int> sample_rows(const xt::xarray<float>& logits, float temperature, float top_p,
+                            int top_k, Draw draw) {
   if (temperature == 0.0f) return greedy(logits);
   if (logits.dimension() != 2) {
     throw std::runtime_error("sampleNextToken(): logits must be two-dimensional [C, V]");
@@ -602,9 +655,75 @@ xt::xarray<int> DiaPreprocessor::sampleNextToken(const xt::xarray<float>& logits
     // Without a finite maximum (all -inf, or +inf present) there is no softmax.
     if (!std::isfinite(maximum_of(candidates))) throw no_distribution(r);
     if (use_top_p) candidates = top_p_candidates(candidates, softmax(candidates), top_p);
-    result(r) = draw(candidates, softmax(candidates));
+    result(r) = draw(r, std::move(candidates));
   }
   return result;
+}
+
+}  // namespace
+
+xt::xarray<int> DiaPreprocessor::sampleNextToken(const xt::xarray<float>& logits, float temperature,
+                                                 float top_p, int top_k) {
+  return sample_rows(logits, temperature, top_p, top_k, [](size_t, const Candidates& candidates) {
+    return draw(candidates, softmax(candidates));
+  });
+}
+
+xt::xarray<int> DiaPreprocessor::sampleNextToken(const xt::xarray<float>& logits, float temperature,
+                                                 float top_p, int top_k, uint64_t seed) {
+  return sampleNextToken(logits, SamplingParams{temperature, top_p, top_k, 0.0f}, seed);
+}
+
+xt::xarray<int> DiaPreprocessor::sampleNextToken(const xt::xarray<float>& logits,
+                                                 const SamplingParams& params, uint64_t seed) {
+  const float min_p = params.min_p;
+  if (!(min_p >= 0.0f && min_p <= 1.0f)) {
+    throw std::runtime_error("sampleNextToken(): min_p must lie in [0, 1]");
+  }
+  return sample_rows(logits, params.temperature, params.top_p, params.top_k,
+                     [min_p, seed](size_t r, Candidates candidates) {
+                       if (min_p > 0.0f) {
+                         candidates = min_p_candidates(candidates, softmax(candidates), min_p);
+                       }
+                       return seeded_draw(candidates, softmax(candidates), seed + r);
+                     });
+}
+
+// ---------------------------------------------------------------------------
+// Guidance and code masks
+// ---------------------------------------------------------------------------
+
+xt::xarray<float> DiaPreprocessor::applyCfg(const xt::xarray<float>& cond,
+                                            const xt::xarray<float>& uncond, float cfg_scale) {
+  if (cond.shape() != uncond.shape()) {
+    throw std::runtime_error("applyCfg(): uncond must have the shape of cond");
+  }
+  xt::xarray<float> out = xt::xarray<float>::from_shape(cond.shape());
+  const float* c = cond.data();
+  const float* u = uncond.data();
+  float* o = out.data();
+  // Each operation rounds to float on its own (the build keeps a*b+c unfused).
+  for (size_t i = 0; i < out.size(); ++i) o[i] = c[i] + cfg_scale * (c[i] - u[i]);
+  return out;
+}
+
+void DiaPreprocessor::maskAudioLogits(xt::xarray<float>& logits, int eos_value) {
+  if (logits.dimension() != 2) {
+    throw std::runtime_error("maskAudioLogits(): logits must be two-dimensional [C, V]");
+  }
+  const size_t C = logits.shape(0);
+  const size_t V = logits.shape(1);
+  if (eos_value < 0 || static_cast<size_t>(eos_value) >= V) {
+    throw std::runtime_error("maskAudioLogits(): eos_value must lie in [0, V)");
+  }
+  const auto eos = static_cast<size_t>(eos_value);
+  constexpr float kMinusInf = -std::numeric_limits<float>::infinity();
+  for (size_t r = 0; r < C; ++r) {
+    float* row = logits.data() + r * V;
+    // Channel 0 keeps EOS; every other channel loses it with the codes above.
+    const size_t first_masked = r == 0 ? eos + 1 : eos;
+    std::fill(row + first_masked, row + V, kMinusInf);
+  }
 }
 
 // ---------------------------------------------------------------------------

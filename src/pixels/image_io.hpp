@@ -69,8 +69,10 @@ enum class ResizeFilter {
 // The library's one resize of 3-channel 8-bit linear RGB. Strides are in
 // bytes (0 = tight); output rows should start 4-aligned (the resampler stores
 // four bytes at a time). Returns false when the resampler fails. Exactly the
-// bytes of stbir_resize_extended with the matching settings.
-bool resize_rgb(const uint8_t* in, int in_w, int in_h, size_t in_stride, uint8_t* out, int out_w,
-                int out_h, size_t out_stride, ResizeFilter filter);
+// bytes of stbir_resize_extended with the matching settings, whichever build
+// of the resizer runs and however many threads share it. Exported for the
+// tests, which hold it to exactly that.
+VEMOPROC_API bool resize_rgb(const uint8_t* in, int in_w, int in_h, size_t in_stride, uint8_t* out,
+                             int out_w, int out_h, size_t out_stride, ResizeFilter filter);
 
 }  // namespace vemoproc::detail

@@ -1,7 +1,7 @@
 // Images the way apps hold them, shared by every image family: files read
 // once, decoding from memory within the pixel budget, caller views in five
-// pixel formats, 4:2:0 camera frames, quarter-turn rotation, EXIF orientation,
-// and the one resize entry point.
+// pixel formats, 4:2:0 camera frames, quarter-turn rotation and EXIF
+// orientation. The one resize entry point lives in resize.cpp.
 #include <algorithm>
 #include <atomic>
 #include <climits>
@@ -16,7 +16,6 @@
 #endif
 
 #include <stb_image.h>
-#include <stb_image_resize2.h>
 
 #include "cpu.hpp"
 #include "image_io.hpp"
@@ -210,6 +209,17 @@ Image apply_orientation(Image image, int orientation) {
       return rotate(std::move(image), Rotation::Clockwise270);
     default:
       return image;
+  }
+}
+
+// One row of `w` pixels of `Ch` bytes (blue first when Swap) to RGB; a fourth
+// byte (alpha) is dropped.
+template <size_t Ch, bool Swap>
+void reorder_row(const uint8_t* src, size_t w, uint8_t* dst) {
+  for (size_t x = 0; x < w; ++x, src += Ch, dst += 3) {
+    dst[0] = src[Swap ? 2 : 0];
+    dst[1] = src[1];
+    dst[2] = src[Swap ? 0 : 2];
   }
 }
 
@@ -434,21 +444,13 @@ Image to_rgb(const ImageView& view, Rotation rotation) {
         std::memcpy(dst, src, w * 3);
         break;
       case PixelFormat::BGR:
-        for (size_t x = 0; x < w; ++x) {
-          dst[3 * x] = src[3 * x + 2];
-          dst[3 * x + 1] = src[3 * x + 1];
-          dst[3 * x + 2] = src[3 * x];
-        }
+        reorder_row<3, true>(src, w, dst);
         break;
       case PixelFormat::RGBA:
-        for (size_t x = 0; x < w; ++x) std::memcpy(dst + 3 * x, src + 4 * x, 3);
+        reorder_row<4, false>(src, w, dst);
         break;
       case PixelFormat::BGRA:
-        for (size_t x = 0; x < w; ++x) {
-          dst[3 * x] = src[4 * x + 2];
-          dst[3 * x + 1] = src[4 * x + 1];
-          dst[3 * x + 2] = src[4 * x];
-        }
+        reorder_row<4, true>(src, w, dst);
         break;
       case PixelFormat::GRAY:
         for (size_t x = 0; x < w; ++x) dst[3 * x] = dst[3 * x + 1] = dst[3 * x + 2] = src[x];
@@ -608,21 +610,6 @@ RgbSource::RgbSource(const uint8_t* rgb, int width, int height, size_t stride)
       width_(width),
       height_(height),
       stride_(stride != 0 ? stride : static_cast<size_t>(width) * 3u) {}
-
-bool resize_rgb(const uint8_t* in, int in_w, int in_h, size_t in_stride, uint8_t* out, int out_w,
-                int out_h, size_t out_stride, ResizeFilter filter) {
-  if (in_stride > static_cast<size_t>(INT_MAX) || out_stride > static_cast<size_t>(INT_MAX)) {
-    return false;
-  }
-  STBIR_RESIZE resize;
-  stbir_resize_init(&resize, in, in_w, in_h, static_cast<int>(in_stride), out, out_w, out_h,
-                    static_cast<int>(out_stride), STBIR_RGB, STBIR_TYPE_UINT8);
-  stbir_set_edgemodes(&resize, STBIR_EDGE_CLAMP, STBIR_EDGE_CLAMP);
-  if (filter == ResizeFilter::CatmullRom) {
-    stbir_set_filters(&resize, STBIR_FILTER_CATMULLROM, STBIR_FILTER_CATMULLROM);
-  }
-  return stbir_resize_extended(&resize) != 0;
-}
 
 }  // namespace detail
 

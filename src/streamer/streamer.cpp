@@ -1,12 +1,20 @@
 // Token streaming, top to bottom: decode the segment, strip leading
-// whitespace, decide how much of it is final, write that and flush.
+// whitespace, decide how much of it is final, deliver that (write and flush,
+// or hand it to a callback); then the queue that carries the callback's
+// pieces to a consumer thread.
 #include "streamer.hpp"
 
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
 #include <cstddef>
+#include <deque>
 #include <limits>
+#include <mutex>
 #include <ostream>
 #include <set>
 #include <stdexcept>
+#include <utility>
 
 namespace {
 
@@ -64,7 +72,25 @@ TextStreamer::TextStreamer(Tokenizer& tokenizer, std::ostream& output, bool skip
       strip_leading_space(strip_leading_space),
       print_len(0) {}
 
+TextStreamer::TextStreamer(Tokenizer& tokenizer, std::function<void(std::string_view)> sink,
+                           bool skip_prompt, bool strip_leading_space)
+    : output(nullptr),
+      tokenizer(&tokenizer),
+      next_tokens_are_prompt(skip_prompt),
+      strip_leading_space(strip_leading_space),
+      print_len(0),
+      sink(std::move(sink)) {}
+
 TextStreamer::~TextStreamer() = default;
+
+void TextStreamer::deliver(const std::string& piece) {
+  if (output != nullptr) {
+    write_piece(*output, piece);
+    output->flush();
+  } else if (!piece.empty()) {
+    sink(piece);
+  }
+}
 
 void TextStreamer::put(const std::vector<int>& tokens) {
   if (next_tokens_are_prompt) {
@@ -94,17 +120,100 @@ void TextStreamer::put(const std::vector<int>& tokens) {
     piece = unwritten_rest(text, print_len);
     print_len = new_len;
   }
-  write_piece(*output, piece);
-  output->flush();
+  deliver(piece);
 }
 
 void TextStreamer::end() {
   const std::string piece =
       unwritten_rest(decode_segment(*tokenizer, token_cache, strip_leading_space), print_len);
-  write_piece(*output, piece);
-  *output << std::endl;  // the stream's widened line feed, then a flush
+  if (output != nullptr) {
+    write_piece(*output, piece);
+    *output << std::endl;  // the stream's widened line feed, then a flush
+  } else {
+    if (!piece.empty()) sink(piece);
+    sink("\n");
+  }
   next_tokens_are_prompt = true;
   strip_leading_space = true;
   token_cache.clear();
   print_len = 0;
+}
+
+// ---------------------------------------------------------------------------
+// Queue to a consumer thread
+// ---------------------------------------------------------------------------
+
+// Out of line so that the exception types' type information has one home, in
+// the library, and catch clauses in the caller's program match them.
+vemoproc::StreamTimeout::~StreamTimeout() = default;
+vemoproc::Cancelled::~Cancelled() = default;
+
+struct QueueStreamer::Channel {
+  std::mutex mutex;
+  std::condition_variable ready;
+  // Pieces in order; an empty optional marks where end() was called.
+  std::deque<std::optional<std::string>> items;
+  std::exception_ptr error;
+  std::atomic<bool> cancelled{false};
+
+  void push(std::optional<std::string> item) {
+    {
+      const std::lock_guard<std::mutex> lock(mutex);
+      items.push_back(std::move(item));
+    }
+    ready.notify_one();
+  }
+};
+
+QueueStreamer::QueueStreamer(Tokenizer& tokenizer, bool skip_prompt, bool strip_leading_space)
+    : channel(std::make_unique<Channel>()),
+      text(
+          tokenizer,
+          [queue = channel.get()](std::string_view piece) { queue->push(std::string(piece)); },
+          skip_prompt, strip_leading_space) {}
+
+QueueStreamer::~QueueStreamer() = default;
+
+void QueueStreamer::put(const std::vector<int>& tokens) {
+  if (channel->cancelled.load()) {
+    throw vemoproc::Cancelled("QueueStreamer::put(): generation cancelled");
+  }
+  text.put(tokens);
+}
+
+void QueueStreamer::end() {
+  text.end();
+  channel->push(std::nullopt);
+}
+
+void QueueStreamer::fail(std::exception_ptr error) {
+  {
+    const std::lock_guard<std::mutex> lock(channel->mutex);
+    channel->error = std::move(error);
+  }
+  channel->ready.notify_one();
+}
+
+void QueueStreamer::cancel() { channel->cancelled.store(true); }
+
+std::optional<std::string> QueueStreamer::next(std::chrono::milliseconds timeout) {
+  // The wait adds the timeout to the steady clock's time; capped at a century
+  // so that milliseconds::max() waits "for ever" instead of overflowing.
+  constexpr std::chrono::milliseconds kCentury = std::chrono::hours(24 * 365 * 100);
+  Channel& c = *channel;
+  std::unique_lock<std::mutex> lock(c.mutex);
+  const bool arrived = c.ready.wait_for(lock, std::min(timeout, kCentury),
+                                        [&c] { return c.error != nullptr || !c.items.empty(); });
+  if (!arrived) {
+    throw vemoproc::StreamTimeout("QueueStreamer::next(): nothing arrived within " +
+                                  std::to_string(timeout.count()) + " ms");
+  }
+  if (c.error != nullptr) {
+    // Handed over once; the lock is released as the exception leaves.
+    std::exception_ptr error = std::exchange(c.error, nullptr);
+    std::rethrow_exception(error);
+  }
+  std::optional<std::string> item = std::move(c.items.front());
+  c.items.pop_front();
+  return item;
 }

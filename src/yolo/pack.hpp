@@ -75,12 +75,9 @@ __attribute__((target("avx2"))) inline size_t pack_planar_avx2(const uint8_t* rg
 }
 #endif
 
-// Writes `pixels` RGB samples from `rgb` into three consecutive planes at `dst`
-// (red plane, then green, then blue, each `pixels` floats long).
-inline void pack_planar(const uint8_t* rgb, size_t pixels, float* dst) {
-  float* r = dst;
-  float* g = dst + pixels;
-  float* b = dst + 2 * pixels;
+// Writes `pixels` RGB samples from `rgb` into three planes: red to r, green to
+// g, blue to b (each `pixels` floats long).
+inline void pack_planar_row(const uint8_t* rgb, size_t pixels, float* r, float* g, float* b) {
   size_t i = 0;
 #if defined(__x86_64__) || defined(__i386__)
   // The shared switch, so that tests can force the portable loop below.
@@ -92,6 +89,12 @@ inline void pack_planar(const uint8_t* rgb, size_t pixels, float* dst) {
     g[i] = lut[rgb[3 * i + 1]];
     b[i] = lut[rgb[3 * i + 2]];
   }
+}
+
+// Writes `pixels` RGB samples from `rgb` into three consecutive planes at `dst`
+// (red plane, then green, then blue, each `pixels` floats long).
+inline void pack_planar(const uint8_t* rgb, size_t pixels, float* dst) {
+  pack_planar_row(rgb, pixels, dst, dst + pixels, dst + 2 * pixels);
 }
 
 }  // namespace yolo::internal

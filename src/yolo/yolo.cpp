@@ -11,10 +11,10 @@
 #include <numeric>
 #include <stdexcept>
 
-#include <stb_image_resize2.h>
 #include <stb_easy_font.h>
 
 #include "../pixels/image_io.hpp"
+#include "../pixels/parallel.hpp"
 
 #include "pack.hpp"
 
@@ -69,43 +69,133 @@ RawImage::RawImage(const vemoproc::ImageView& view) {
   channels = 3;
 }
 
+namespace {
+
+std::runtime_error resize_failed() {
+  return std::runtime_error("stbir_resize_uint8_linear failed");
+}
+
+// The letterbox rule, unchecked: a zero-sized image or target gives whatever
+// the float rule gives (saturated to int), which the callers then refuse.
+LetterboxInfo letterbox_geometry(int width, int height, const std::array<int, 2>& new_shape) {
+  const int W = new_shape[0];
+  const int H = new_shape[1];
+  LetterboxInfo g{};
+  g.original_width = width;
+  g.original_height = height;
+  g.scale = std::min(static_cast<float>(H) / static_cast<float>(height),
+                     static_cast<float>(W) / static_cast<float>(width));
+  g.new_width = saturating_int(std::round(g.scale * static_cast<float>(width)));
+  g.new_height = saturating_int(std::round(g.scale * static_cast<float>(height)));
+  // Odd free space: the extra row goes to the bottom, the extra column right.
+  g.left = (W - g.new_width) / 2;
+  g.top = (H - g.new_height) / 2;
+  return g;
+}
+
+// The resized block of one letterbox: new_height rows of new_width RGB pixels,
+// `stride` bytes apart. The stride is a multiple of 4 because the resampler
+// stores four bytes at a time as one int.
+struct LetterboxBlock {
+  LetterboxInfo geometry;
+  size_t stride = 0;
+  std::vector<uint8_t> pixels;
+
+  const uint8_t* row(int y) const { return pixels.data() + static_cast<size_t>(y) * stride; }
+};
+
+// Letterbox, step one: the RGB source (read in place, rows strided) resized
+// to the block the rule gives. The block never exceeds the target; a block
+// without pixels (from an empty image or target) or beyond it is a resize the
+// resampler cannot do.
+LetterboxBlock letterbox_block(const vemoproc::detail::RgbSource& rgb,
+                               const std::array<int, 2>& new_shape) {
+  // The letterboxed image (the target box) is held to the decoding budget.
+  if (!vemoproc::detail::within_pixel_budget(new_shape[0], new_shape[1])) throw resize_failed();
+  LetterboxBlock block;
+  block.geometry = letterbox_geometry(rgb.width(), rgb.height(), new_shape);
+  const int new_w = block.geometry.new_width;
+  const int new_h = block.geometry.new_height;
+  if (new_w < 1 || new_h < 1 || new_w > new_shape[0] || new_h > new_shape[1]) {
+    throw resize_failed();
+  }
+  block.stride = (static_cast<size_t>(new_w) * 3u + 3u) & ~size_t{3};
+  block.pixels.resize(block.stride * static_cast<size_t>(new_h));
+  if (!vemoproc::detail::resize_rgb(rgb.data(), rgb.width(), rgb.height(), rgb.stride(),
+                                    block.pixels.data(), new_w, new_h, block.stride,
+                                    vemoproc::detail::ResizeFilter::Default)) {
+    throw resize_failed();
+  }
+  return block;
+}
+
+// Letterbox, step two for the batch: the block placed in the W x H slot as
+// planar floats (sample / 255.0f), every other pixel holding 114 / 255.0f.
+void pack_letterboxed(const LetterboxBlock& block, size_t W, size_t H, float* slot) {
+  const LetterboxInfo& g = block.geometry;
+  const size_t plane = W * H;
+  const float pad = internal::unit_scale_table()[114];
+  const size_t left = static_cast<size_t>(g.left);
+  const size_t top = static_cast<size_t>(g.top);
+  const size_t new_w = static_cast<size_t>(g.new_width);
+  const size_t new_h = static_cast<size_t>(g.new_height);
+  for (size_t c = 0; c < 3; ++c) {
+    float* p = slot + c * plane;
+    // Above the block and left of its first row; between consecutive block
+    // rows; right of its last row and below (the block has at least one row).
+    std::fill(p, p + top * W + left, pad);
+    for (size_t y = 0; y + 1 < new_h; ++y) {
+      std::fill(p + (top + y) * W + left + new_w, p + (top + y + 1) * W + left, pad);
+    }
+    std::fill(p + (top + new_h - 1) * W + left + new_w, p + plane, pad);
+  }
+  for (size_t y = 0; y < new_h; ++y) {
+    float* r = slot + (top + y) * W + left;
+    internal::pack_planar_row(block.row(static_cast<int>(y)), new_w, r, r + plane, r + 2 * plane);
+  }
+}
+
+// A batch tensor [N, 3, H, W] for new_shape = {W, H}, left for the caller to fill.
+xt::xtensor<float, 4> batch_tensor(size_t n, const std::array<int, 2>& new_shape,
+                                   const char* function) {
+  if (new_shape[0] < 0 || new_shape[1] < 0) {
+    throw std::runtime_error(std::string(function) + ": new_shape must not be negative");
+  }
+  return xt::xtensor<float, 4>::from_shape(
+      {n, size_t{3}, static_cast<size_t>(new_shape[1]), static_cast<size_t>(new_shape[0])});
+}
+
+}  // namespace
+
+LetterboxInfo letterbox_info(int width, int height, const std::array<int, 2>& new_shape) {
+  if (width < 1 || height < 1) {
+    throw std::runtime_error("letterbox_info(): width and height must be at least 1");
+  }
+  if (new_shape[0] < 0 || new_shape[1] < 0) {
+    throw std::runtime_error("letterbox_info(): new_shape must not be negative");
+  }
+  return letterbox_geometry(width, height, new_shape);
+}
+
 RawImage letterbox(const RawImage& image, const std::array<int, 2>& new_shape,
                    unsigned char pad_value) {
   require_rgb_buffer(image, "letterbox()");
   const int W = new_shape[0];
   const int H = new_shape[1];
   if (W < 0 || H < 0) throw std::runtime_error("letterbox(): new_shape must not be negative");
-  const int w = image.width;
-  const int h = image.height;
-
-  const float r = std::min(static_cast<float>(H) / static_cast<float>(h),
-                           static_cast<float>(W) / static_cast<float>(w));
-  const int new_w = saturating_int(std::round(r * static_cast<float>(w)));
-  const int new_h = saturating_int(std::round(r * static_cast<float>(h)));
-
-  // The resized image never exceeds the target box; anything else (NaN
-  // factors from empty inputs, negative sizes) is a resize the resizer cannot do.
-  if (new_w < 0 || new_h < 0 || new_w > W || new_h > H) {
-    throw std::runtime_error("stbir_resize_uint8_linear failed");
-  }
-  std::vector<uint8_t> resized(rgb_bytes(new_w, new_h));
-  const unsigned char* out = stbir_resize_uint8_linear(image.data.data(), w, h, 0, resized.data(),
-                                                       new_w, new_h, 0, STBIR_RGB);
-  if (out == nullptr) throw std::runtime_error("stbir_resize_uint8_linear failed");
+  const LetterboxBlock block = letterbox_block(
+      vemoproc::detail::RgbSource(image.data.data(), image.width, image.height, 0), new_shape);
 
   RawImage result;
   result.width = W;
   result.height = H;
   result.channels = 3;
   result.data.assign(rgb_bytes(W, H), pad_value);
-
-  // Odd free space: the extra row goes to the bottom, the extra column right.
-  const int top = (H - new_h) / 2;
-  const int left = (W - new_w) / 2;
-  const size_t row_bytes = static_cast<size_t>(new_w) * 3u;
-  for (int y = 0; y < new_h; ++y) {
-    std::memcpy(result.data.data() + (static_cast<size_t>(top + y) * W + left) * 3u,
-                resized.data() + static_cast<size_t>(y) * row_bytes, row_bytes);
+  const LetterboxInfo& g = block.geometry;
+  const size_t row_bytes = static_cast<size_t>(g.new_width) * 3u;
+  for (int y = 0; y < g.new_height; ++y) {
+    std::memcpy(result.data.data() + (static_cast<size_t>(g.top + y) * W + g.left) * 3u,
+                block.row(y), row_bytes);
   }
   return result;
 }
@@ -116,19 +206,39 @@ RawImage letterbox(const RawImage& image, const std::array<int, 2>& new_shape,
 
 xt::xtensor<float, 4> preprocess(const std::vector<std::string>& paths,
                                  const std::array<int, 2>& new_shape) {
-  if (new_shape[0] < 0 || new_shape[1] < 0) {
-    throw std::runtime_error("preprocess(): new_shape must not be negative");
-  }
-  const size_t W = static_cast<size_t>(new_shape[0]);
-  const size_t H = static_cast<size_t>(new_shape[1]);
-  xt::xtensor<float, 4> batch = xt::zeros<float>({paths.size(), size_t{3}, H, W});
-  const size_t plane = H * W;
-  for (size_t i = 0; i < paths.size(); ++i) {
-    // One image at a time: peak memory is the batch plus one decoded image.
-    const RawImage boxed = letterbox(RawImage(paths[i]), new_shape, 114);
-    internal::pack_planar(boxed.data.data(), plane, batch.data() + i * 3 * plane);
-  }
+  xt::xtensor<float, 4> batch = batch_tensor(paths.size(), new_shape, "preprocess()");
+  const size_t W = batch.shape(3);
+  const size_t H = batch.shape(2);
+  // One image per thread (vemoproc::set_num_threads; one at a time by
+  // default): peak memory is the batch plus one decoded image per thread.
+  vemoproc::detail::parallel_for_each_item(paths.size(), [&](size_t i) {
+    const vemoproc::detail::DecodedRgb decoded = vemoproc::detail::load_rgb_file(paths[i]);
+    if (!decoded) throw std::runtime_error("stbi_load failed for: " + paths[i]);
+    const vemoproc::detail::RgbSource rgb(decoded.pixels.get(), decoded.width, decoded.height, 0);
+    pack_letterboxed(letterbox_block(rgb, new_shape), W, H, batch.data() + i * 3 * W * H);
+  });
   return batch;
+}
+
+DetectionBatch preprocess_images(const std::vector<vemoproc::ImageView>& images,
+                                 const std::array<int, 2>& new_shape) {
+  DetectionBatch out;
+  out.tensor = batch_tensor(images.size(), new_shape, "preprocess_images()");
+  out.letterbox.resize(images.size());
+  const size_t W = out.tensor.shape(3);
+  const size_t H = out.tensor.shape(2);
+  // One image per thread with vemoproc::set_num_threads (in order by default).
+  vemoproc::detail::parallel_for_each_item(images.size(), [&](size_t i) {
+    const std::string name = "preprocess_images(): images[" + std::to_string(i) + "]";
+    vemoproc::detail::check_view(images[i], name.c_str());
+    // RGB views are borrowed as they are; other formats are converted, one
+    // image at a time.
+    const vemoproc::detail::RgbSource rgb(images[i]);
+    const LetterboxBlock block = letterbox_block(rgb, new_shape);
+    pack_letterboxed(block, W, H, out.tensor.data() + i * 3 * W * H);
+    out.letterbox[i] = block.geometry;
+  });
+  return out;
 }
 
 // ---------------------------------------------------------------------------
@@ -139,6 +249,290 @@ namespace {
 
 // Working table row: x1, y1, x2, y2, score, class (as float).
 constexpr size_t kCols = 6;
+
+// A detection head as the selection reads it, in place: n candidates of c
+// values each (cx, cy, w, h, [objectness,] class scores), stored one
+// candidate per row ([n, c]) or, channels first, one value per row ([c, n]).
+struct HeadView {
+  const float* data;
+  size_t n;
+  size_t c;
+  bool channels_first;
+
+  float at(size_t candidate, size_t value) const {
+    return channels_first ? data[value * n + candidate] : data[candidate * c + value];
+  }
+};
+
+struct Selection {
+  float conf_threshold;
+  bool objectness;                  // column 4 multiplies every class score; classes start at 5
+  const std::vector<int>& classes;  // empty: all
+  size_t max_candidates;
+};
+
+// Candidates are scored in blocks: a channels-first head is then read a few
+// hundred consecutive floats per value row at a time.
+constexpr size_t kBlock = 256;
+
+// The best class of candidates [i0, i0 + count): score[k] is the reduction
+// acc = (acc > v ? acc : v) from the lowest finite float over the class values
+// v, best[k] the first index of a strictly greater value. With objectness each
+// v is column 4 times the class score.
+template <bool kObjectness>
+void best_classes(const HeadView& head, size_t i0, size_t count, float* score, uint32_t* best) {
+  const size_t first = kObjectness ? 5 : 4;
+  float best_value[kBlock];
+  float scale[kBlock];
+  for (size_t k = 0; k < count; ++k) {
+    scale[k] = kObjectness ? head.at(i0 + k, 4) : 1.0f;
+    score[k] = std::numeric_limits<float>::lowest();
+    best[k] = 0;
+    best_value[k] = kObjectness ? scale[k] * head.at(i0 + k, first) : head.at(i0 + k, first);
+  }
+  if (head.channels_first) {
+    // Value row by value row: each pass reads `count` consecutive floats.
+    for (size_t j = first; j < head.c; ++j) {
+      const float* values = head.data + j * head.n + i0;
+      const auto cls = static_cast<uint32_t>(j - first);
+      for (size_t k = 0; k < count; ++k) {
+        const float v = kObjectness ? scale[k] * values[k] : values[k];
+        score[k] = score[k] > v ? score[k] : v;
+        best[k] = v > best_value[k] ? cls : best[k];
+        best_value[k] = v > best_value[k] ? v : best_value[k];
+      }
+    }
+    return;
+  }
+  for (size_t k = 0; k < count; ++k) {
+    const float* row = head.data + (i0 + k) * head.c;
+    float acc = score[k];
+    float top = best_value[k];
+    uint32_t cls = 0;
+    for (size_t j = first; j < head.c; ++j) {
+      const float v = kObjectness ? scale[k] * row[j] : row[j];
+      acc = acc > v ? acc : v;
+      if (v > top) {
+        top = v;
+        cls = static_cast<uint32_t>(j - first);
+      }
+    }
+    score[k] = acc;
+    best[k] = cls;
+  }
+}
+
+// The candidates NMS sees, as [M, 6] working-table rows in candidate order:
+// best class per candidate, score strictly above the threshold, a wanted
+// class; when more than max_candidates pass, the highest scores among them
+// (equal scores: the earlier candidate).
+std::vector<float> select_candidates(const HeadView& head, const Selection& sel) {
+  std::vector<float> table;
+  float score[kBlock];
+  uint32_t best[kBlock];
+  for (size_t i0 = 0; i0 < head.n; i0 += kBlock) {
+    const size_t count = std::min(kBlock, head.n - i0);
+    if (sel.objectness) {
+      best_classes<true>(head, i0, count, score, best);
+    } else {
+      best_classes<false>(head, i0, count, score, best);
+    }
+    for (size_t k = 0; k < count; ++k) {
+      if (!(score[k] > sel.conf_threshold)) continue;
+      if (!sel.classes.empty() && std::find(sel.classes.begin(), sel.classes.end(),
+                                            static_cast<int>(best[k])) == sel.classes.end()) {
+        continue;
+      }
+      const size_t i = i0 + k;
+      const float cx = head.at(i, 0);
+      const float cy = head.at(i, 1);
+      const float half_w = head.at(i, 2) / 2.0f;
+      const float half_h = head.at(i, 3) / 2.0f;
+      table.insert(table.end(), {cx - half_w, cy - half_h, cx + half_w, cy + half_h, score[k],
+                                 static_cast<float>(best[k])});
+    }
+  }
+
+  const size_t m = table.size() / kCols;
+  if (m <= sel.max_candidates) return table;
+  std::vector<size_t> rank(m);
+  std::iota(rank.begin(), rank.end(), size_t{0});
+  const auto higher = [&table](size_t a, size_t b) {
+    const float sa = table[a * kCols + 4];
+    const float sb = table[b * kCols + 4];
+    return sa > sb || (sa == sb && a < b);
+  };
+  const auto cut = rank.begin() + static_cast<std::ptrdiff_t>(sel.max_candidates);
+  std::nth_element(rank.begin(), cut, rank.end(), higher);
+  rank.erase(cut, rank.end());
+  std::sort(rank.begin(), rank.end());
+  std::vector<float> kept(rank.size() * kCols);
+  for (size_t k = 0; k < rank.size(); ++k) {
+    std::copy_n(table.data() + rank[k] * kCols, kCols, kept.data() + k * kCols);
+  }
+  return kept;
+}
+
+// Whether kept box ra suppresses box rb (rows of the working table; area_a is
+// ra's area): IoU in single precision, no +1 pixel term, strictly above the
+// threshold.
+template <class T>
+bool suppresses(const T* ra, T area_a, const T* rb, T iou_threshold) {
+  const T xx1 = std::max(ra[0], rb[0]);
+  const T yy1 = std::max(ra[1], rb[1]);
+  const T xx2 = std::min(ra[2], rb[2]);
+  const T yy2 = std::min(ra[3], rb[3]);
+  const T inter = std::max(xx2 - xx1, T(0)) * std::max(yy2 - yy1, T(0));
+  const T area_b = (rb[2] - rb[0]) * (rb[3] - rb[1]);
+  const T iou = inter / (area_b + area_a - inter + T(1.0e-7f));
+  return iou > iou_threshold;
+}
+
+template <class T>
+T area_of(const T* r) {
+  return (r[2] - r[0]) * (r[3] - r[1]);
+}
+
+// The boxes NMS may still suppress, in one bounding-box tree per class (one
+// for all when agnostic), so that a kept box visits only the subtrees whose
+// extent reaches into its own. For iou_threshold >= 0 (or NaN) no other box
+// can be suppressed: a box with a NaN coordinate has a NaN area and so a NaN
+// IoU, and two boxes whose interiors do not intersect (max(x1) < min(x2) and
+// max(y1) < min(y2) fails) have an intersection of zero and an IoU of 0 or NaN.
+template <class T>
+class OverlapIndex {
+ public:
+  OverlapIndex(const T* rows, size_t m, bool agnostic)
+      : rows_(rows), live_(m, 0), leaf_(m, kNone), root_(m, kNone) {
+    for (size_t i = 0; i < m; ++i) {
+      const T* r = rows + i * kCols;
+      if (!std::isnan(r[0]) && !std::isnan(r[1]) && !std::isnan(r[2]) && !std::isnan(r[3])) {
+        items_.push_back(i);
+      }
+    }
+    if (!agnostic) {
+      std::stable_sort(items_.begin(), items_.end(),
+                       [this](size_t a, size_t b) { return class_of(a) < class_of(b); });
+    }
+    for (size_t begin = 0; begin < items_.size();) {
+      size_t end = begin + 1;
+      while (end < items_.size() &&
+             (agnostic || class_of(items_[end]) == class_of(items_[begin]))) {
+        ++end;
+      }
+      const size_t root = build(begin, end, kNone);
+      for (size_t k = begin; k < end; ++k) {
+        root_[items_[k]] = root;
+        live_[items_[k]] = 1;
+      }
+      begin = end;
+    }
+  }
+
+  bool indexed(size_t box) const { return root_[box] != kNone; }
+
+  // Takes a box out for good (kept, or suppressed).
+  void remove(size_t box) {
+    if (!live_[box]) return;
+    live_[box] = 0;
+    for (size_t node = leaf_[box]; node != kNone; node = nodes_[node].parent) --nodes_[node].live;
+  }
+
+  // Calls visit(b) for every live box b of a's tree whose subtree extent
+  // reaches into a's interior; visit may remove boxes.
+  template <class F>
+  void for_each_candidate(size_t a, F&& visit) {
+    const T* ra = rows_ + a * kCols;
+    stack_.assign(1, root_[a]);
+    while (!stack_.empty()) {
+      const Node& node = nodes_[stack_.back()];
+      stack_.pop_back();
+      if (node.live == 0 || !(node.min_x1 < ra[2] && node.max_x2 > ra[0] && node.min_y1 < ra[3] &&
+                              node.max_y2 > ra[1])) {
+        continue;
+      }
+      if (node.left != kNone) {
+        stack_.push_back(node.left);
+        stack_.push_back(node.right);
+        continue;
+      }
+      for (size_t k = node.begin; k < node.end; ++k) {
+        if (live_[items_[k]]) visit(items_[k]);
+      }
+    }
+  }
+
+ private:
+  static constexpr size_t kNone = std::numeric_limits<size_t>::max();
+  static constexpr size_t kLeafSize = 8;
+
+  struct Node {
+    T min_x1, max_x2, min_y1, max_y2;  // extent of every box below
+    size_t begin, end;                 // its boxes: items_[begin, end)
+    size_t left, right, parent;
+    size_t live;  // boxes below not yet removed
+  };
+
+  int class_of(size_t box) const { return saturating_int(rows_[box * kCols + 5]); }
+
+  // Splits items_[begin, end) at the median of x1 or y1, whichever spreads
+  // wider, down to leaves of a few boxes.
+  size_t build(size_t begin, size_t end, size_t parent) {
+    Node node{};
+    node.min_x1 = node.min_y1 = std::numeric_limits<T>::infinity();
+    node.max_x2 = node.max_y2 = -std::numeric_limits<T>::infinity();
+    // Range of the split keys x1 (axis 0) and y1 (axis 1).
+    T lo[2] = {std::numeric_limits<T>::infinity(), std::numeric_limits<T>::infinity()};
+    T hi[2] = {-std::numeric_limits<T>::infinity(), -std::numeric_limits<T>::infinity()};
+    for (size_t k = begin; k < end; ++k) {
+      const T* r = rows_ + items_[k] * kCols;
+      node.min_x1 = std::min(node.min_x1, r[0]);
+      node.max_x2 = std::max(node.max_x2, r[2]);
+      node.min_y1 = std::min(node.min_y1, r[1]);
+      node.max_y2 = std::max(node.max_y2, r[3]);
+      for (int axis = 0; axis < 2; ++axis) {
+        lo[axis] = std::min(lo[axis], r[axis]);
+        hi[axis] = std::max(hi[axis], r[axis]);
+      }
+    }
+    node.begin = begin;
+    node.end = end;
+    node.left = node.right = kNone;
+    node.parent = parent;
+    node.live = end - begin;
+    const size_t id = nodes_.size();
+    nodes_.push_back(node);
+    if (end - begin <= kLeafSize) {
+      for (size_t k = begin; k < end; ++k) leaf_[items_[k]] = id;
+      return id;
+    }
+    const T spread_x = hi[0] > lo[0] ? hi[0] - lo[0] : T(0);
+    const T spread_y = hi[1] > lo[1] ? hi[1] - lo[1] : T(0);
+    const size_t key = spread_y > spread_x ? 1 : 0;
+    const size_t mid = begin + (end - begin) / 2;
+    const auto base = items_.begin();
+    std::nth_element(base + static_cast<std::ptrdiff_t>(begin),
+                     base + static_cast<std::ptrdiff_t>(mid),
+                     base + static_cast<std::ptrdiff_t>(end), [this, key](size_t a, size_t b) {
+                       const T ka = rows_[a * kCols + key];
+                       const T kb = rows_[b * kCols + key];
+                       return ka < kb || (ka == kb && a < b);
+                     });
+    const size_t left = build(begin, mid, id);
+    const size_t right = build(mid, end, id);
+    nodes_[id].left = left;
+    nodes_[id].right = right;
+    return id;
+  }
+
+  const T* rows_;
+  std::vector<char> live_;
+  std::vector<size_t> leaf_;  // per box: its leaf (kNone when not indexed)
+  std::vector<size_t> root_;  // per box: the root of its class's tree
+  std::vector<size_t> items_;
+  std::vector<Node> nodes_;
+  std::vector<size_t> stack_;
+};
 
 // Greedy NMS over an [M, 6] row-major table. Returns the kept rows in order of
 // descending score. With agnostic false, only boxes of the same class (the
@@ -156,27 +550,45 @@ std::vector<T> nms(std::vector<T> table, T conf_threshold, T iou_threshold, size
 
   std::vector<char> suppressed(m, 0);
   std::vector<size_t> keep;
-  for (size_t p = 0; p < m; ++p) {
-    const size_t a = order[p];
-    if (suppressed[a]) continue;
-    keep.push_back(a);
-    if (keep.size() >= max_det) break;
-    const T* ra = rows + a * kCols;
-    const int class_a = saturating_int(ra[5]);
-    const T area_a = (ra[2] - ra[0]) * (ra[3] - ra[1]);
-    for (size_t q = p + 1; q < m; ++q) {
-      const size_t b = order[q];
-      if (suppressed[b]) continue;
-      const T* rb = rows + b * kCols;
-      if (!agnostic && saturating_int(rb[5]) != class_a) continue;
-      const T xx1 = std::max(ra[0], rb[0]);
-      const T yy1 = std::max(ra[1], rb[1]);
-      const T xx2 = std::min(ra[2], rb[2]);
-      const T yy2 = std::min(ra[3], rb[3]);
-      const T inter = std::max(xx2 - xx1, T(0)) * std::max(yy2 - yy1, T(0));
-      const T area_b = (rb[2] - rb[0]) * (rb[3] - rb[1]);
-      const T iou = inter / (area_b + area_a - inter + T(1.0e-7f));
-      if (iou > iou_threshold) suppressed[b] = 1;
+  if (iou_threshold < T(0)) {
+    // IoU 0 is above a negative threshold: disjoint boxes suppress each other
+    // too, so every later pair is tested.
+    for (size_t p = 0; p < m; ++p) {
+      const size_t a = order[p];
+      if (suppressed[a]) continue;
+      keep.push_back(a);
+      if (keep.size() >= max_det) break;
+      const T* ra = rows + a * kCols;
+      const int class_a = saturating_int(ra[5]);
+      const T area_a = area_of(ra);
+      if (std::isnan(area_a)) continue;  // every IoU with it is NaN
+      for (size_t q = p + 1; q < m; ++q) {
+        const size_t b = order[q];
+        if (suppressed[b]) continue;
+        const T* rb = rows + b * kCols;
+        if (!agnostic && saturating_int(rb[5]) != class_a) continue;
+        if (suppresses(ra, area_a, rb, iou_threshold)) suppressed[b] = 1;
+      }
+    }
+  } else {
+    // The same greedy pass, testing only the later boxes that can overlap:
+    // every earlier box has left the index by the time a box is kept.
+    OverlapIndex<T> index(rows, m, agnostic);
+    for (size_t p = 0; p < m; ++p) {
+      const size_t a = order[p];
+      if (suppressed[a]) continue;
+      keep.push_back(a);
+      if (keep.size() >= max_det) break;
+      index.remove(a);
+      if (!index.indexed(a)) continue;
+      const T* ra = rows + a * kCols;
+      const T area_a = area_of(ra);
+      index.for_each_candidate(a, [&](size_t b) {
+        if (suppresses(ra, area_a, rows + b * kCols, iou_threshold)) {
+          suppressed[b] = 1;
+          index.remove(b);
+        }
+      });
     }
   }
 
@@ -185,6 +597,60 @@ std::vector<T> nms(std::vector<T> table, T conf_threshold, T iou_threshold, size
     std::copy_n(rows + keep[k] * kCols, kCols, kept.data() + k * kCols);
   }
   return kept;
+}
+
+// The exact inverse of a letterbox on one network coordinate, in float,
+// clipped to [0, original side].
+float unletterbox(float v, int offset, int new_side, int original_side) {
+  const float scale = static_cast<float>(new_side) / static_cast<float>(original_side);
+  const float mapped = (v - static_cast<float>(offset)) / scale;
+  return std::min(std::max(mapped, 0.0f), static_cast<float>(original_side));
+}
+
+Detection unletterbox(const float* row, const LetterboxInfo& g) {
+  return {unletterbox(row[0], g.left, g.new_width, g.original_width),
+          unletterbox(row[1], g.top, g.new_height, g.original_height),
+          unletterbox(row[2], g.left, g.new_width, g.original_width),
+          unletterbox(row[3], g.top, g.new_height, g.original_height),
+          row[4],
+          saturating_int(row[5])};
+}
+
+// Undoing a letterbox divides by its sizes.
+void check_geometry(const LetterboxInfo& g, const std::string& function, const char* name) {
+  if (g.original_width < 1 || g.original_height < 1 || g.new_width < 1 || g.new_height < 1) {
+    throw std::runtime_error(function + ": " + name +
+                             " sizes (original and new width and height) must be at least 1");
+  }
+}
+
+// Checks one image's head [rows, cols] against the options and views it.
+HeadView head_view(const float* data, size_t rows, size_t cols, const PostprocessOptions& options,
+                   const std::string& function) {
+  const size_t needed = options.objectness ? 6 : 5;
+  if ((options.channels_first ? rows : cols) < needed) {
+    throw std::runtime_error(function + ": head needs at least " + std::to_string(needed) +
+                             (options.channels_first ? " rows" : " columns") + " (4 box values" +
+                             (options.objectness ? ", objectness" : "") + " and a class score)");
+  }
+  return options.channels_first ? HeadView{data, cols, rows, true}
+                                : HeadView{data, rows, cols, false};
+}
+
+// Selection, NMS and mapping for one image of the geometry overloads.
+std::vector<Detection> detect(const HeadView& head, const LetterboxInfo& letterbox,
+                              const PostprocessOptions& options) {
+  std::vector<float> table = select_candidates(
+      head, {options.conf_threshold, options.objectness, options.classes, options.max_candidates});
+  if (table.empty()) return {};
+  table = nms<float>(std::move(table), options.conf_threshold, options.iou_threshold,
+                     options.max_det, options.agnostic);
+  std::vector<Detection> detections;
+  detections.reserve(table.size() / kCols);
+  for (size_t k = 0; k < table.size(); k += kCols) {
+    detections.push_back(unletterbox(table.data() + k, letterbox));
+  }
+  return detections;
 }
 
 }  // namespace
@@ -196,32 +662,20 @@ std::vector<Detection> postprocess(const xt::xtensor<float, 2>& predictions,
   const size_t n = predictions.shape(0);
   const size_t c = predictions.shape(1);
   if (c < 6) throw std::runtime_error("postprocess(): expected (N,5+nc) tensor");
-
-  // Best class and confidence filter in one pass over the head. The maximum is
-  // the reduction acc = (acc > v ? acc : v) from the lowest finite float, the
-  // class the first index of a strictly greater value; only rows that pass
-  // the filter get their box converted, in index order.
-  std::vector<float> table;
-  const float* head = predictions.data();
-  for (size_t i = 0; i < n; ++i) {
-    const float* row = head + i * c;
-    float score = std::numeric_limits<float>::lowest();
-    size_t best = 0;
-    float best_value = row[4];
-    for (size_t j = 4; j < c; ++j) {
-      const float v = row[j];
-      score = score > v ? score : v;
-      if (v > best_value) {
-        best_value = v;
-        best = j - 4;
-      }
-    }
-    if (!(score > conf_threshold)) continue;
-    const float half_w = row[2] / 2.0f;
-    const float half_h = row[3] / 2.0f;
-    table.insert(table.end(), {row[0] - half_w, row[1] - half_h, row[0] + half_w, row[1] + half_h,
-                               score, static_cast<float>(best)});
+  // Undoing the letterbox divides by these sides.
+  if (input_shape[0] == 0 || input_shape[1] == 0) {
+    throw std::runtime_error("postprocess(): input_shape sides must be at least 1");
   }
+  if (original_shape[0] == 0 || original_shape[1] == 0) {
+    throw std::runtime_error("postprocess(): original_shape sides must be at least 1");
+  }
+
+  // Best class and confidence filter in one pass over the head; only rows that
+  // pass the filter get their box converted, in index order.
+  const std::vector<int> all_classes;
+  std::vector<float> table =
+      select_candidates(HeadView{predictions.data(), n, c, false},
+                        {conf_threshold, false, all_classes, std::numeric_limits<size_t>::max()});
   if (table.empty()) return {};
 
   table = nms<float>(std::move(table), conf_threshold, iou_threshold, max_det, false);
@@ -246,6 +700,58 @@ std::vector<Detection> postprocess(const xt::xtensor<float, 2>& predictions,
     detections.push_back({restore(r[0], pad_x, orig_w), restore(r[1], pad_y, orig_h),
                           restore(r[2], pad_x, orig_w), restore(r[3], pad_y, orig_h), r[4],
                           saturating_int(r[5])});
+  }
+  return detections;
+}
+
+std::vector<Detection> postprocess(const xt::xtensor<float, 2>& head,
+                                   const LetterboxInfo& letterbox,
+                                   const PostprocessOptions& options) {
+  const HeadView view =
+      head_view(head.data(), head.shape(0), head.shape(1), options, "postprocess()");
+  check_geometry(letterbox, "postprocess()", "letterbox");
+  return detect(view, letterbox, options);
+}
+
+std::vector<std::vector<Detection>> postprocess_batch(const xt::xtensor<float, 3>& heads,
+                                                      const std::vector<LetterboxInfo>& letterbox,
+                                                      const PostprocessOptions& options) {
+  const size_t batch = heads.shape(0);
+  if (letterbox.size() != batch) {
+    throw std::runtime_error("postprocess_batch(): letterbox holds " +
+                             std::to_string(letterbox.size()) + " entries for " +
+                             std::to_string(batch) + " heads");
+  }
+  const size_t rows = heads.shape(1);
+  const size_t cols = heads.shape(2);
+  const HeadView first = head_view(heads.data(), rows, cols, options, "postprocess_batch()");
+  for (size_t i = 0; i < batch; ++i) {
+    check_geometry(letterbox[i], "postprocess_batch()",
+                   ("letterbox[" + std::to_string(i) + "]").c_str());
+  }
+  std::vector<std::vector<Detection>> detections;
+  detections.reserve(batch);
+  for (size_t i = 0; i < batch; ++i) {
+    HeadView view = first;
+    view.data = heads.data() + i * rows * cols;
+    detections.push_back(detect(view, letterbox[i], options));
+  }
+  return detections;
+}
+
+std::vector<Detection> postprocess_end2end(const xt::xtensor<float, 2>& rows,
+                                           const LetterboxInfo& letterbox, float conf_threshold) {
+  const size_t n = rows.shape(0);
+  const size_t c = rows.shape(1);
+  if (c < kCols) {
+    throw std::runtime_error(
+        "postprocess_end2end(): rows needs at least 6 columns (x1, y1, x2, y2, score, class)");
+  }
+  check_geometry(letterbox, "postprocess_end2end()", "letterbox");
+  std::vector<Detection> detections;
+  for (size_t i = 0; i < n; ++i) {
+    const float* row = rows.data() + i * c;
+    if (row[4] > conf_threshold) detections.push_back(unletterbox(row, letterbox));
   }
   return detections;
 }
@@ -302,24 +808,55 @@ std::string label_text(const Detection& d, const std::vector<std::string>& class
   return text;
 }
 
+// The outline grows outward one pixel per step t < thickness from the clamped
+// box: with xa = clampX(cx1 - t), xb = clampX(cx2 + t), ya = clampY(cy1 - t)
+// and yb = clampY(cy2 + t), step t paints rows ya and yb over columns
+// [xa, xb] when xa <= xb, and columns xa and xb over rows [ya, yb] when
+// ya <= yb. The same pixels are filled here as rectangles:
+// - from the first step s at which both spans are non-empty, steps s to
+//   thickness - 1 paint exactly the frame between the last step's rectangle
+//   and the interior of step s's rectangle: four rectangles;
+// - an inverted box paints one direction alone before s, a pair of lines per
+//   step, each on a row (column) of its own; those steps number at most half
+//   the image's height (width) and their lines span at most its width (height).
+// So the cost is bounded by the image area, whatever the thickness.
 void draw_outline(const Canvas& cv, int cx1, int cy1, int cx2, int cy2, int thickness,
                   const uint8_t* rgb) {
-  // Past max(W, H) steps every edge sits on the image border: later steps
-  // would repaint the same pixels, so they are skipped.
-  const int64_t steps = std::min<int64_t>(thickness, int64_t{std::max(cv.W, cv.H)} + 1);
-  for (int64_t t = 0; t < steps; ++t) {
-    const int xa = cv.clamp_x(cx1 - t);
-    const int xb = cv.clamp_x(cx2 + t);
-    const int ya = cv.clamp_y(cy1 - t);
-    const int yb = cv.clamp_y(cy2 + t);
-    for (int x = xa; x <= xb; ++x) {
-      cv.put(x, ya, rgb);
-      cv.put(x, yb, rgb);
+  const auto xa = [&](int64_t t) { return cv.clamp_x(cx1 - t); };
+  const auto xb = [&](int64_t t) { return cv.clamp_x(cx2 + t); };
+  const auto ya = [&](int64_t t) { return cv.clamp_y(cy1 - t); };
+  const auto yb = [&](int64_t t) { return cv.clamp_y(cy2 + t); };
+  // The first step with a non-empty span: an inverted side (cx1 > cx2, both
+  // already inside the image) closes after ceil((cx1 - cx2) / 2) steps.
+  const int64_t tx = cx1 > cx2 ? (int64_t{cx1} - cx2 + 1) / 2 : 0;
+  const int64_t ty = cy1 > cy2 ? (int64_t{cy1} - cy2 + 1) / 2 : 0;
+  const int64_t steps = thickness;
+  const int64_t s = std::max(tx, ty);
+
+  for (int64_t t = std::min(tx, ty); t < std::min(s, steps); ++t) {
+    if (t >= tx) {
+      cv.fill(xa(t), xb(t), ya(t), ya(t), rgb);
+      cv.fill(xa(t), xb(t), yb(t), yb(t), rgb);
+    } else {
+      cv.fill(xa(t), xa(t), ya(t), yb(t), rgb);
+      cv.fill(xb(t), xb(t), ya(t), yb(t), rgb);
     }
-    for (int y = ya; y <= yb; ++y) {
-      cv.put(xa, y, rgb);
-      cv.put(xb, y, rgb);
-    }
+  }
+  if (s >= steps) return;
+
+  const int outer_x1 = xa(steps - 1);
+  const int outer_x2 = xb(steps - 1);
+  const int outer_y1 = ya(steps - 1);
+  const int outer_y2 = yb(steps - 1);
+  const int inner_x1 = xa(s);
+  const int inner_x2 = xb(s);
+  const int inner_y1 = ya(s);
+  const int inner_y2 = yb(s);
+  cv.fill(outer_x1, outer_x2, outer_y1, inner_y1, rgb);  // top band
+  cv.fill(outer_x1, outer_x2, inner_y2, outer_y2, rgb);  // bottom band
+  if (inner_y2 - inner_y1 >= 2) {
+    cv.fill(outer_x1, inner_x1, inner_y1 + 1, inner_y2 - 1, rgb);  // left band
+    cv.fill(inner_x2, outer_x2, inner_y1 + 1, inner_y2 - 1, rgb);  // right band
   }
 }
 

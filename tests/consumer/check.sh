@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Puts the built library into a scratch prefix, then builds and runs a small
 # program against it twice: through find_package and through pkg-config.
-#   check.sh BUILD_DIR CONSUMER_SRC WORK [install|deb]
+#   check.sh BUILD_DIR CONSUMER_SRC WORK [install|deb] [PYTHON]
 # install (the default) runs `cmake --install`; deb builds the Debian package
 # with CPack and unpacks it with `dpkg -x` into a scratch root (nothing touches
-# the machine's own /usr), then also runs the packaged tool.
+# the machine's own /usr), then also runs the packaged tool. With PYTHON, the
+# installed Python package is imported by that interpreter too.
 set -euo pipefail
 build_dir=$1 src_dir=$2 work=$3 mode=${4:-install}
 rm -rf "$work"
@@ -37,3 +38,12 @@ export PKG_CONFIG_PATH="$(dirname "$pc")"
 c++ -std=c++17 "$src_dir/main.cpp" -o "$work/app-pc" $(pkg-config --static --cflags --libs vemoproc) \
   -Wl,-rpath,"$libdir"
 "$work/app-pc"
+# The Python package, when built, imports from the installed tree (run from
+# the scratch folder so the source tree's package cannot be picked up).
+python=${5:-}
+if [ -n "$python" ]; then
+  pkg=$(dirname "$(find "$prefix" -name '__init__.py' -path '*/vemoproc/*' | head -n 1)")
+  (cd "$work" && PYTHONPATH="$(dirname "$pkg")" "$python" -c "import vemoproc, numpy
+assert vemoproc.__file__.startswith('$work')
+vemoproc.zentil.ZentilPreprocessor(4).process(numpy.zeros((8, 8, 3), numpy.uint8))")
+fi

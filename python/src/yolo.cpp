@@ -1,0 +1,185 @@
+// vemoproc.yolo: letterbox preprocessing, head decoding and drawing.
+#include <array>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "common.hpp"
+#include "yolo.hpp"
+
+namespace vemoproc_py {
+
+namespace {
+
+std::vector<std::string> paths_of(py::handle paths) {
+  if (is_path_like(paths)) throw py::type_error("paths: expected a list of paths, got one path");
+  std::vector<std::string> out;
+  for (py::handle p : paths) {
+    if (!is_path_like(p)) throw py::type_error("paths: every item must be a str or os.PathLike");
+    out.push_back(path_string(p));
+  }
+  return out;
+}
+
+// Detections as an [N, 6] float32 array: x1, y1, x2, y2, score, class_id.
+py::array_t<float> detections_array(const std::vector<yolo::Detection>& dets) {
+  std::vector<float> flat;
+  flat.reserve(dets.size() * 6);
+  for (const auto& d : dets) {
+    flat.insert(flat.end(), {d.x1, d.y1, d.x2, d.y2, d.score, static_cast<float>(d.class_id)});
+  }
+  return to_numpy(std::move(flat), {static_cast<py::ssize_t>(dets.size()), 6});
+}
+
+// Detections from a list of Detection or an [N, 6] array.
+std::vector<yolo::Detection> detections_of(py::handle obj) {
+  std::vector<yolo::Detection> out;
+  if (py::isinstance<py::array>(obj)) {
+    auto a = as_array<float>(obj, "detections", 2);
+    if (a.shape(1) != 6) throw py::value_error("detections: expected an [N, 6] array");
+    for (py::ssize_t i = 0; i < a.shape(0); ++i) {
+      const float* r = a.data(i, 0);
+      out.push_back({r[0], r[1], r[2], r[3], r[4], static_cast<int>(r[5])});
+    }
+    return out;
+  }
+  for (py::handle d : obj) {
+    if (!py::isinstance<yolo::Detection>(d)) {
+      throw py::type_error("detections: expected Detection items or an [N, 6] array");
+    }
+    out.push_back(d.cast<yolo::Detection>());
+  }
+  return out;
+}
+
+}  // namespace
+
+void bind_yolo(py::module_& parent) {
+  py::module_ m = parent.def_submodule(
+      "yolo", "Object detection: letterbox preprocessing, head decoding with NMS, drawing.");
+
+  py::class_<yolo::Detection>(m, "Detection", "One detection in original-image pixels.")
+      .def(py::init([](float x1, float y1, float x2, float y2, float score, int class_id) {
+             return yolo::Detection{x1, y1, x2, y2, score, class_id};
+           }),
+           py::arg("x1"), py::arg("y1"), py::arg("x2"), py::arg("y2"), py::arg("score"),
+           py::arg("class_id"))
+      .def_readwrite("x1", &yolo::Detection::x1)
+      .def_readwrite("y1", &yolo::Detection::y1)
+      .def_readwrite("x2", &yolo::Detection::x2)
+      .def_readwrite("y2", &yolo::Detection::y2)
+      .def_readwrite("score", &yolo::Detection::score)
+      .def_readwrite("class_id", &yolo::Detection::class_id)
+      .def("__repr__", [](const yolo::Detection& d) {
+        return py::str("Detection(x1={}, y1={}, x2={}, y2={}, score={}, class_id={})")
+            .format(d.x1, d.y1, d.x2, d.y2, d.score, d.class_id);
+      });
+
+  m.def(
+      "preprocess",
+      [](py::handle paths, std::array<int, 2> size) {
+        std::vector<std::string> files = paths_of(paths);
+        xt::xtensor<float, 4> out;
+        {
+          py::gil_scoped_release nogil;
+          out = yolo::preprocess(files, size);
+        }
+        return to_numpy(std::move(out));
+      },
+      py::arg("paths"), py::arg("size") = std::array<int, 2>{640, 640},
+      R"(Load, letterbox (grey 114) and pack image files into one tensor.
+
+size is (width, height). Returns float32 [N, 3, height, width] holding
+sample / 255. Raises RuntimeError "stbi_load failed for: PATH" when a file
+cannot be decoded.)");
+
+  m.def(
+      "letterbox",
+      [](py::array image, std::array<int, 2> new_shape, unsigned char pad_value) {
+        py::object keep;
+        vemoproc::ImageView view = image_view(image, "image", keep);
+        yolo::RawImage out;
+        {
+          py::gil_scoped_release nogil;
+          out = yolo::letterbox(yolo::RawImage(view), new_shape, pad_value);
+        }
+        std::vector<py::ssize_t> shape{out.height, out.width, 3};
+        return to_numpy(std::move(out.data), std::move(shape));
+      },
+      py::arg("image"), py::arg("new_shape") = std::array<int, 2>{640, 640},
+      py::arg("pad_value") = 114,
+      R"(Scale an image to fit new_shape = (width, height) keeping its aspect ratio,
+centre it and pad the rest with pad_value.
+
+image: uint8 HxWx3 (RGB), HxWx4 (RGBA) or HxW (grey). Returns uint8
+[height, width, 3].)");
+
+  m.def(
+      "postprocess",
+      [](py::array predictions, std::array<size_t, 2> input_shape,
+         std::array<size_t, 2> original_shape, float conf_threshold, float iou_threshold,
+         size_t max_det, bool as_array) -> py::object {
+        xt::xtensor<float, 2> head = to_xtensor<float, 2>(predictions, "predictions");
+        std::vector<yolo::Detection> dets;
+        {
+          py::gil_scoped_release nogil;
+          dets = yolo::postprocess(head, input_shape, original_shape, conf_threshold, iou_threshold,
+                                   max_det);
+        }
+        if (as_array) return detections_array(dets);
+        return py::cast(std::move(dets));
+      },
+      py::arg("predictions"), py::arg("input_shape"), py::arg("original_shape"),
+      py::arg("conf_threshold") = 0.25f, py::arg_v("iou_threshold", 0.45f, "0.45"),
+      py::arg("max_det") = 300, py::kw_only(), py::arg("as_array") = false,
+      R"(Decode one image's raw detection head into detections, best first.
+
+predictions: [N, 4 + classes] rows of (cx, cy, w, h, class scores), in
+network-input pixels. input_shape and original_shape are (height, width).
+Keeps the best class per row with score strictly above conf_threshold, runs
+greedy per-class NMS (suppressing IoU strictly above iou_threshold, at most
+max_det kept), undoes the letterbox and clips boxes to the original image.
+
+Returns a list of Detection, or with as_array=True an [N, 6] float32 array of
+(x1, y1, x2, y2, score, class_id). Raises RuntimeError for fewer than 6
+columns.)");
+
+  m.def(
+      "draw_detections",
+      [](py::array image, py::handle detections, std::vector<std::string> class_names,
+         bool show_score, int thickness) {
+        if (!image.dtype().is(py::dtype::of<uint8_t>())) {
+          throw py::type_error("image: expected a uint8 array");
+        }
+        if (image.ndim() != 3 || image.shape(2) != 3) {
+          throw py::value_error("image: expected an HxWx3 array");
+        }
+        if (!image.writeable()) throw py::value_error("image: array is read-only");
+        std::vector<yolo::Detection> dets = detections_of(detections);
+        yolo::RawImage raw;
+        raw.height = static_cast<int>(image.shape(0));
+        raw.width = static_cast<int>(image.shape(1));
+        raw.channels = 3;
+        raw.data.resize(static_cast<size_t>(image.size()));
+        // Through numpy's own copy so that any strides are honoured both ways.
+        py::array_t<uint8_t> packed({image.shape(0), image.shape(1), py::ssize_t{3}},
+                                    raw.data.data(), py::capsule(raw.data.data(), [](void*) {}));
+        py::module_ np = py::module_::import("numpy");
+        np.attr("copyto")(packed, image);
+        {
+          py::gil_scoped_release nogil;
+          yolo::draw_detections(raw, dets, class_names, show_score, thickness);
+        }
+        np.attr("copyto")(image, packed);
+      },
+      py::arg("image"), py::arg("detections"), py::arg("class_names") = std::vector<std::string>{},
+      py::arg("show_score") = true, py::arg("thickness") = 2,
+      R"(Paint detections into an HxWx3 uint8 RGB array in place.
+
+detections: a list of Detection or an [N, 6] array. Each gets a
+class-coloured outline `thickness` pixels wide, a label bar above the box and
+the label (class name, or "cls_<id>" without one, plus the score when
+show_score) in white. Coordinates are clamped to the image.)");
+}
+
+}  // namespace vemoproc_py

@@ -1,0 +1,29 @@
+import sys
+import threading
+import time
+
+import vemoproc
+from conftest import scene
+
+
+def test_the_gil_is_released_while_the_library_works():
+    # A pure-Python loop keeps running while another thread is inside a long
+    # library call; with the GIL held the loop would stall for the whole call.
+    image = scene(1200, 1600)
+    pre = vemoproc.zentil.ZentilPreprocessor(2048)
+    start = time.perf_counter()
+    pre.process(image)
+    call = time.perf_counter() - start
+    worker = threading.Thread(target=pre.process, args=(image,))
+    interval = sys.getswitchinterval()
+    sys.setswitchinterval(1e-4)
+    try:
+        last, longest = time.perf_counter(), 0.0
+        worker.start()  # with the GIL held, start() itself would wait out the call
+        while worker.is_alive():
+            now = time.perf_counter()
+            longest, last = max(longest, now - last), now
+        worker.join()
+    finally:
+        sys.setswitchinterval(interval)
+    assert longest < call / 2, (longest, call)

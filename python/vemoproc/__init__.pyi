@@ -1,0 +1,74 @@
+"""Model-specific pre- and post-processing for on-device inference."""
+import enum
+import os
+import sys
+from typing import Optional, Protocol, Sequence, Union
+
+import numpy as np
+import numpy.typing as npt
+
+from . import convnext as convnext
+from . import dia as dia
+from . import qwen2vl as qwen2vl
+from . import yolo as yolo
+from . import zentil as zentil
+
+BytesLike = Union[bytes, bytearray, memoryview]
+# A path, encoded image bytes, or uint8 pixels HxWx3 (RGB), HxWx4 (RGBA), HxW (grey).
+ImageInput = Union[str, os.PathLike, BytesLike, npt.NDArray[np.uint8]]
+
+class YuvLayout(enum.Enum):
+    NV12 = ...
+    NV21 = ...
+    I420 = ...
+
+class YuvRange(enum.Enum):
+    Video = ...
+    Full = ...
+
+class Rotation(enum.Enum):
+    None_ = ...
+    Clockwise90 = ...
+    Rotate180 = ...
+    Clockwise270 = ...
+
+def decode_image(data: BytesLike, apply_exif_orientation: bool = False) -> npt.NDArray[np.uint8]:
+    """Decode encoded image bytes into an HxWx3 uint8 RGB array."""
+
+def yuv_to_rgb(
+    y: npt.NDArray[np.uint8],
+    u: Optional[npt.NDArray[np.uint8]] = None,
+    v: Optional[npt.NDArray[np.uint8]] = None,
+    layout: YuvLayout = YuvLayout.NV12,
+    range: YuvRange = YuvRange.Video,
+    rotation: Rotation = Rotation.None_,
+) -> npt.NDArray[np.uint8]:
+    """Convert a 4:2:0 frame (planes, or one (h*3/2, w) buffer) to HxWx3 RGB."""
+
+def set_max_image_pixels(n: int) -> None:
+    """Set the process-wide decoding budget in pixels."""
+
+def max_image_pixels() -> int:
+    """The process-wide decoding budget in pixels."""
+
+class _Tokenizer(Protocol):
+    def decode(self, ids: list[int]) -> str: ...
+
+class _TextStream(Protocol):
+    def write(self, text: str) -> object: ...
+    def flush(self) -> object: ...
+
+class TextStreamer:
+    """Writes generated text to a stream as it becomes final."""
+
+    def __init__(
+        self,
+        tokenizer: _Tokenizer,
+        stream: Optional[_TextStream] = None,
+        skip_prompt: bool = True,
+        strip_leading_space: bool = True,
+    ) -> None: ...
+    def put(self, ids: Union[int, Sequence[int], npt.NDArray[np.integer]]) -> None:
+        """Hand over one generation step's new token ids."""
+    def end(self) -> None:
+        """Write the rest of the text and a line feed."""
