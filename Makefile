@@ -70,7 +70,7 @@ test-arm64: test-arm64-build
 STATIC := $(BUILD)/static
 test-static: setup
 	cmake -S . -B $(STATIC) $(CMAKE_COMMON) -DBUILD_SHARED_LIBS=OFF -DVEMOPROC_BUILD_BENCH=OFF \
-	  -DVEMOPROC_BUILD_TOOLS=OFF >/dev/null
+	  -DVEMOPROC_BUILD_TOOLS=OFF -DVEMOPROC_BUILD_PYTHON=OFF >/dev/null
 	cmake --build $(STATIC) -j$(JOBS) --target vemoproc
 	ctest --test-dir $(STATIC) --output-on-failure -R '^installed_package_consumer$$'
 
