@@ -91,7 +91,8 @@ class VEMOPROC_API TextStreamer : public BaseStreamer {
   // rest (if any) and then "\n" as a piece of its own. Flushes have no
   // counterpart: a step that would write nothing calls nothing. An exception
   // from the sink propagates like a failing stream write (in put, after the
-  // step's state change; in end, before the new segment starts).
+  // step's state change; in end, before the new segment starts). An empty
+  // sink throws std::bad_function_call at the first piece.
   TextStreamer(Tokenizer& tokenizer, std::function<void(std::string_view)> sink,
                bool skip_prompt = true, bool strip_leading_space = true);
   ~TextStreamer() override;
@@ -124,9 +125,13 @@ class VEMOPROC_API TextStreamer : public BaseStreamer {
 //    end() was called, once every piece before it has been taken: each end()
 //    yields exactly one, so a streamer can serve one generation after
 //    another. Nothing to take within `timeout` (also after the last end())
-//    throws vemoproc::StreamTimeout.
+//    throws vemoproc::StreamTimeout. A negative timeout does not wait; one
+//    beyond a century counts as a century.
 //  - fail(error): the consumer's next call of next() rethrows `error`
-//    (pieces queued before it stay queued for the calls after that).
+//    (pieces queued before it stay queued for the calls after that). Hand
+//    over the only reference (std::move it, after leaving the catch block):
+//    the standard library counts references where ThreadSanitizer cannot
+//    see, so one dropped later on the producer thread is reported as a race.
 //  - cancel(): every later put throws vemoproc::Cancelled before touching any
 //    state; end() and fail() still work, so the producer can close the queue.
 //

@@ -93,4 +93,8 @@ first=$("$exe" dia-sample eight.npy --seed 7 --min-p 0.05)
 [ "$("$exe" dia-sample eight.npy --seed 7 --min-p 0.05)" = "$first" ] || fail "same seed, other codes"
 expect_error "requires --seed" dia-sample eight.npy --min-p 0.1
 expect_error "min_p must lie in" dia-sample eight.npy --seed 1 --min-p 2
+# Seeds are 0 to 2^64 - 1: no sign, no wrap.
+[ "$("$exe" dia-sample eight.npy --seed 18446744073709551615 | wc -l)" = 8 ] || fail "largest seed"
+expect_error "expects an integer" dia-sample eight.npy --seed -1
+expect_error "expects an integer" dia-sample eight.npy --seed 18446744073709551616
 echo "cli_dia: ok"

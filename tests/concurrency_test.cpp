@@ -9,6 +9,8 @@
 #include <sstream>
 #include <thread>
 
+#include <xtensor/xmath.hpp>
+
 #include "convnext.hpp"
 #include "dia.hpp"
 #include "qwen2vl.hpp"
@@ -129,6 +131,9 @@ TEST(Concurrency, SpeechHelpers) {
   xt::xarray<float> logits = xt::zeros<float>({3, 40});
   for (size_t r = 0; r < 3; ++r) logits(r, 7 * r + 1) = 9.0f;
   const xt::xarray<bool> mask = {{true, true, false, false}};
+  // Spread scores, so that the seeded draw has many candidates per row.
+  const xt::xarray<float> wave = xt::reshape_view(xt::sin(xt::arange<float>(120)), {3, 40});
+  const xt::xarray<float> slope = xt::reshape_view(xt::arange<float>(120) * 0.1f, {3, 40});
   expect_all_equal(on_threads<std::vector<int>>([&](int) {
     const auto text = dia.prepareTextInput("[S1] hello [S2] hi", 0, 32);
     const auto delayed = dia.applyAudioDelay(audio, -1.0f, -2.0f, apply_pair);
@@ -138,7 +143,12 @@ TEST(Concurrency, SpeechHelpers) {
     const auto greedy = dia.sampleNextToken(logits, 0.0f, 0.9f, 5);
     const auto top1 = dia.sampleNextToken(logits, 1.3f, 0.95f, 1);
     const auto attn = dia.createAttnMask(mask, mask, true);
+    xt::xarray<float> guided = dia.applyCfg(wave, slope, 0.5f);
+    dia.maskAudioLogits(guided, 30);
+    // Every thread draws with the same seed: every thread gets the same codes.
+    const auto seeded = dia.sampleNextToken(guided, dia::SamplingParams{1.0f, 0.9f, 0, 0.01f}, 7);
     std::vector<int> summary(text.begin(), text.end());
+    summary.insert(summary.end(), seeded.begin(), seeded.end());
     summary.insert(summary.end(), reverted.begin(), reverted.end());
     summary.insert(summary.end(), std::get<1>(built).begin(), std::get<1>(built).end());
     summary.insert(summary.end(), prepared.first.begin(), prepared.first.end());

@@ -210,7 +210,8 @@ void add_sample(CLI::App& app) {
       ->check(cli::integer_in(0, std::numeric_limits<int>::max()))
       ->capture_default_str();
   auto* seed_opt =
-      cmd->add_option("--seed", *seed, "Reproducible draw: the same seed gives the same codes");
+      cmd->add_option("--seed", *seed, "Reproducible draw: the same seed gives the same codes")
+          ->check(cli::unsigned_in(0, std::numeric_limits<uint64_t>::max()));
   cmd->add_option("--min-p", *min_p, "Drop codes below this share of the row's best (0 disables)")
       ->check(cli::finite_float())
       ->needs(seed_opt)

@@ -197,13 +197,15 @@ void QueueStreamer::fail(std::exception_ptr error) {
 void QueueStreamer::cancel() { channel->cancelled.store(true); }
 
 std::optional<std::string> QueueStreamer::next(std::chrono::milliseconds timeout) {
-  // The wait adds the timeout to the steady clock's time; capped at a century
-  // so that milliseconds::max() waits "for ever" instead of overflowing.
+  // The wait adds the timeout, in nanoseconds, to the steady clock's time:
+  // held to [0, a century] so that neither extreme overflows (a negative
+  // timeout does not wait; milliseconds::max() waits "for ever").
   constexpr std::chrono::milliseconds kCentury = std::chrono::hours(24 * 365 * 100);
   Channel& c = *channel;
   std::unique_lock<std::mutex> lock(c.mutex);
-  const bool arrived = c.ready.wait_for(lock, std::min(timeout, kCentury),
-                                        [&c] { return c.error != nullptr || !c.items.empty(); });
+  const bool arrived =
+      c.ready.wait_for(lock, std::clamp(timeout, std::chrono::milliseconds(0), kCentury),
+                       [&c] { return c.error != nullptr || !c.items.empty(); });
   if (!arrived) {
     throw vemoproc::StreamTimeout("QueueStreamer::next(): nothing arrived within " +
                                   std::to_string(timeout.count()) + " ms");

@@ -1,5 +1,6 @@
-// Object detection, top to bottom: load -> letterbox -> pack (preprocess),
-// decode -> NMS -> undo letterbox (postprocess), and drawing.
+// Object detection, top to bottom: load or borrow pixels -> letterbox -> pack
+// (preprocess, preprocess_images), decode -> NMS -> undo the letterbox
+// (postprocess and its geometry overloads), and drawing.
 #include "yolo.hpp"
 
 #include <algorithm>
