@@ -66,11 +66,12 @@ test-arm64: test-arm64-build
 
 # The library as a static archive: its installed CMake package and
 # pkg-config file (with the archive's private dependencies) build and run the
-# consumer program. Only the library and the tool are built.
+# consumer program. Only the library is built.
 STATIC := $(BUILD)/static
 test-static: setup
-	cmake -S . -B $(STATIC) $(CMAKE_COMMON) -DBUILD_SHARED_LIBS=OFF -DVEMOPROC_BUILD_BENCH=OFF >/dev/null
-	cmake --build $(STATIC) -j$(JOBS) --target vemoproc vemoproc_cli
+	cmake -S . -B $(STATIC) $(CMAKE_COMMON) -DBUILD_SHARED_LIBS=OFF -DVEMOPROC_BUILD_BENCH=OFF \
+	  -DVEMOPROC_BUILD_TOOLS=OFF -DVEMOPROC_BUILD_PYTHON=OFF >/dev/null
+	cmake --build $(STATIC) -j$(JOBS) --target vemoproc
 	ctest --test-dir $(STATIC) --output-on-failure -R '^installed_package_consumer$$'
 
 # Debian packages (library, headers, CMake package, pkg-config file, tool):

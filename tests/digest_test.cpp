@@ -13,12 +13,14 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <functional>
 #include <map>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -29,8 +31,11 @@
 #include "qwen2vl.hpp"
 #include "streamer.hpp"
 #include "test_images.hpp"
+#include "threads.hpp"
 #include "yolo.hpp"
 #include "zentil.hpp"
+#include <xtensor/xmanipulation.hpp>
+#include <xtensor/xview.hpp>
 
 namespace {
 
@@ -61,6 +66,12 @@ void add_tensor(Fnv& f, const E& t) {
   }
 }
 
+// True when the table is being regenerated rather than checked.
+bool updating() {
+  const char* v = std::getenv("VEMOPROC_UPDATE_DIGESTS");
+  return v != nullptr && *v != '\0' && std::strcmp(v, "0") != 0;
+}
+
 // The results of one family: name -> digest, in a fixed order.
 using Results = std::map<std::string, uint64_t>;
 
@@ -77,6 +88,7 @@ struct Recorder {
     } catch (const std::exception& e) {
       f = Fnv{};
       f.text(std::string("threw: ") + e.what());
+      if (updating()) std::printf("%s.%s threw: %s\n", family.c_str(), name.c_str(), e.what());
     }
     out[family + "." + name] = f.h;
   }
@@ -228,11 +240,83 @@ void yolo_family(Recorder& r) {
       f.bytes(lb.data.data(), lb.data.size());
     });
   }
+  r.add("letterbox_view", [&](Fnv& f) {
+    const vemoproc::Image decoded = testimg::decode(image_paths().at("rgba_31x29.png"));
+    const testimg::Layout grey = testimg::lay_out(decoded, vemoproc::PixelFormat::GRAY, 2);
+    const yolo::RawImage lb = yolo::letterbox(yolo::RawImage(grey.view), {40, 64}, 0);
+    f.bytes(lb.data.data(), lb.data.size());
+  });
   r.add("preprocess_batch", [&](Fnv& f) {
     const auto& p = image_paths();
     add_tensor(
         f, yolo::preprocess({p.at("rgb_64x48.jpg"), p.at("rgb_29x41.tga"), p.at("odd_17x3.jpg")},
                             {96, 40}));
+  });
+  r.add("letterbox_info", [&](Fnv& f) {
+    for (auto [w, h] : {std::array<int, 2>{1, 1}, {64, 48}, {400, 3}, {2, 300}, {1920, 1080}}) {
+      const yolo::LetterboxInfo li = yolo::letterbox_info(w, h, {640, 384});
+      const float scale = li.scale;
+      f.bytes(&scale, sizeof scale);
+      for (int v :
+           {li.original_width, li.original_height, li.new_width, li.new_height, li.left, li.top})
+        f.u64(uint64_t(int64_t(v)));
+    }
+  });
+  // Pixels in memory: a strided RGB view (read in place) and a BGRA one.
+  const vemoproc::Image mem = testimg::decode(image_paths().at("rgb_64x48.jpg"));
+  const testimg::Layout strided = testimg::lay_out(mem, vemoproc::PixelFormat::RGB, 7);
+  const testimg::Layout bgra = testimg::lay_out(mem, vemoproc::PixelFormat::BGRA, 0);
+  r.add("preprocess_images", [&](Fnv& f) {
+    const yolo::DetectionBatch b = yolo::preprocess_images({strided.view, bgra.view}, {96, 64});
+    add_tensor(f, b.tensor);
+    for (const yolo::LetterboxInfo& li : b.letterbox)
+      f.bytes(&li.scale, sizeof li.scale), f.u64(uint64_t(li.left) << 32 | uint64_t(li.top));
+  });
+  // The geometry overloads, each option on its own, a batch and an end-to-end head.
+  const yolo::LetterboxInfo geom = yolo::letterbox_info(720, 480, {640, 640});
+  const xt::xtensor<float, 2> head = detection_head(400, 6, 640, 9);
+  const auto options = [](auto set) {
+    yolo::PostprocessOptions o;
+    set(o);
+    return o;
+  };
+  const std::vector<std::pair<std::string, yolo::PostprocessOptions>> variants = {
+      {"default", options([](yolo::PostprocessOptions&) {})},
+      {"agnostic", options([](yolo::PostprocessOptions& o) { o.agnostic = true; })},
+      {"objectness", options([](yolo::PostprocessOptions& o) { o.objectness = true; })},
+      {"classes", options([](yolo::PostprocessOptions& o) {
+         o.classes = {1, 4};
+       })},
+      {"candidates", options([](yolo::PostprocessOptions& o) { o.max_candidates = 17; })},
+      {"max_det", options([](yolo::PostprocessOptions& o) {
+         o.max_det = 3;
+         o.iou_threshold = 0.1f;
+       })}};
+  for (const auto& [tag, opt] : variants)
+    r.add("postprocess_geometry." + tag,
+          [&](Fnv& f) { add_detections(f, yolo::postprocess(head, geom, opt)); });
+  r.add("postprocess_geometry.channels_first", [&](Fnv& f) {
+    const xt::xtensor<float, 2> transposed = xt::transpose(head);
+    add_detections(f, yolo::postprocess(transposed, geom, options([](yolo::PostprocessOptions& o) {
+                                          o.channels_first = true;
+                                        })));
+  });
+  r.add("postprocess_batch", [&](Fnv& f) {
+    xt::xtensor<float, 3> heads = xt::zeros<float>({size_t(2), size_t(120), size_t(7)});
+    xt::view(heads, 0) = detection_head(120, 3, 640, 10);
+    xt::view(heads, 1) = detection_head(120, 3, 640, 11);
+    for (const auto& dets : yolo::postprocess_batch(
+             heads, {geom, yolo::letterbox_info(33, 900, {640, 640})}, yolo::PostprocessOptions{}))
+      add_detections(f, dets);
+  });
+  r.add("postprocess_end2end", [&](Fnv& f) {
+    xt::xtensor<float, 2> rows = detection_head(60, 2, 640, 12);
+    for (size_t i = 0; i < rows.shape(0); ++i) {
+      rows(i, 2) += rows(i, 0);  // x2, y2 beyond x1, y1
+      rows(i, 3) += rows(i, 1);
+      rows(i, 5) = float(i % 7) + 0.75f;
+    }
+    add_detections(f, yolo::postprocess_end2end(rows, geom, 0.3f));
   });
   r.add("postprocess.wide", [&](Fnv& f) {
     add_detections(f, yolo::postprocess(detection_head(400, 6, 640, 5), {640, 640}, {480, 720},
@@ -297,6 +381,20 @@ void vision_family(Recorder& r) {
         }
       }
   });
+  // Views in another pixel layout, and a three-frame video (padded to the
+  // temporal patch with its last frame).
+  const vemoproc::Image decoded = testimg::decode(image_paths().at("rgb_29x41.tga"));
+  const testimg::Layout bgra = testimg::lay_out(decoded, vemoproc::PixelFormat::BGRA, 5);
+  r.add("convnext64.view", [&](Fnv& f) {
+    add_tensor(f, convnext::ConvNextPreprocessor(64, 0.875f).process(bgra.view));
+  });
+  r.add("zentil32.view",
+        [&](Fnv& f) { add_tensor(f, zentil::ZentilPreprocessor(32).process(bgra.view)); });
+  r.add("qwen2vl.video", [&](Fnv& f) {
+    const auto out = qwen.preprocess_video({bgra.view, decoded.view(), bgra.view});
+    add_tensor(f, out.patches);
+    add_tensor(f, out.grid_thw);
+  });
   r.add("qwen2vl.sample_frame_indices", [&](Fnv& f) {
     for (int total : {1, 7, 16, 300})
       for (float fps : {2.0f, 29.97f}) {
@@ -353,7 +451,7 @@ void dia_family(Recorder& r) {
     xt::xarray<bool> k = xt::zeros<bool>({2, 7});
     for (size_t i = 0; i < q.size(); ++i) q.flat(i) = i % 3 != 1;
     for (size_t i = 0; i < k.size(); ++i) k.flat(i) = i % 4 != 2;
-    add_tensor(f, dp.createAttnMask(q, k, true));
+    add_tensor(f, dp.createAttnMask(q, q, true));
     add_tensor(f, dp.createAttnMask(q, k, false));
   });
   // Logits with ties; greedy decoding, and top-k / top-p so narrow that only
@@ -365,6 +463,20 @@ void dia_family(Recorder& r) {
   r.add("sample.greedy", [&](Fnv& f) {
     add_tensor(f, dp.sampleNextToken(logits, 0.0f, 0.9f, 50));
     add_tensor(f, dp.sampleNextToken(logits, -0.0f, 1.0f, 0));
+  });
+  // The seeded form is reproducible whatever the filters.
+  r.add("sample.seeded", [&](Fnv& f) {
+    add_tensor(f, dp.sampleNextToken(logits, 1.0f, 1.0f, 0, 42));
+    add_tensor(f, dp.sampleNextToken(logits, 0.7f, 0.9f, 40, 0xFFFFFFFFFFFFFFFFull));
+    add_tensor(f, dp.sampleNextToken(logits, dia::SamplingParams{1.2f, 0.95f, 100, 0.05f}, 7));
+    add_tensor(f, dp.sampleNextToken(logits, dia::SamplingParams{0.0f, 1.0f, 0, 0.0f}, 7));
+  });
+  r.add("cfg_and_mask", [&](Fnv& f) {
+    xt::xarray<float> uncond = logits * 0.5f - 1.0f;
+    xt::xarray<float> guided = dp.applyCfg(logits, uncond, 3.0f);
+    add_tensor(f, guided);
+    dp.maskAudioLogits(guided, 1024);
+    add_tensor(f, guided);
   });
   r.add("sample.top_k_1",
         [&](Fnv& f) { add_tensor(f, dp.sampleNextToken(logits, 0.8f, 1.0f, 1)); });
@@ -403,6 +515,13 @@ void streamer_family(Recorder& r) {
               s.end();
               f.text(out.str());
             });
+  r.add("stream.callback", [&](Fnv& f) {
+    ByteTokenizer tok;
+    TextStreamer s(tok, [&](std::string_view piece) { f.text(std::string(piece)); });
+    s.put(ids("prompt"));
+    for (const std::string& p : pieces) s.put(ids(p));
+    s.end();
+  });
 }
 
 // The committed table, and the updates collected when regenerating.
@@ -419,11 +538,6 @@ Results read_table() {
     if (fields >> name >> hex) t[name] = std::stoull(hex, nullptr, 16);
   }
   return t;
-}
-
-bool updating() {
-  const char* v = std::getenv("VEMOPROC_UPDATE_DIGESTS");
-  return v != nullptr && *v != '\0' && std::strcmp(v, "0") != 0;
 }
 
 void write_table(const std::string& family, const Results& fresh) {
@@ -443,16 +557,20 @@ void write_table(const std::string& family, const Results& fresh) {
   ASSERT_TRUE(out.good()) << "cannot write " << kDigestFile;
 }
 
-// Runs one family with the wide paths on, then off; both must reproduce the
-// committed digests, entry for entry.
+// Runs one family with the wide paths on, then off, then on with four
+// threads; all must reproduce the committed digests, entry for entry.
 void check_family(const std::string& family, void (*run)(Recorder&)) {
-  Recorder wide{family, {}}, portable{family, {}};
+  Recorder wide{family, {}}, portable{family, {}}, threaded{family, {}};
   vemoproc::detail::set_wide_paths_enabled(true);
   run(wide);
   vemoproc::detail::set_wide_paths_enabled(false);
   run(portable);
   vemoproc::detail::set_wide_paths_enabled(true);
+  vemoproc::set_num_threads(4);
+  run(threaded);
+  vemoproc::set_num_threads(1);
   EXPECT_EQ(wide.out, portable.out) << "wide and portable paths differ";
+  EXPECT_EQ(wide.out, threaded.out) << "one thread and four differ";
   if (updating()) {
     write_table(family, wide.out);
     return;
