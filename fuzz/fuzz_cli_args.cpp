@@ -75,7 +75,6 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   char templ[] = "/tmp/fuzz_cli_args.XXXXXX";
   if (mkdtemp(templ) == nullptr) std::abort();
   g_dir = templ;
-  fs::current_path(g_dir);
   setenv("TMPDIR", templ, 1);  // demo's scene goes here too
   std::atexit([] {
     std::error_code ec;
@@ -106,14 +105,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<const char*> argv;
   for (const std::string& a : args) argv.push_back(a.c_str());
 
+  // Inside the folder only while the tool runs: libFuzzer's own paths
+  // (corpus, artifacts) stay relative to where it was started.
+  const fs::path start = fs::current_path();
   make_fixtures();
   fs::current_path(g_dir);
-  const auto app = cli::make_app();
-  try {
-    app->parse(static_cast<int>(argv.size()), argv.data());
-  } catch (const CLI::Error&) {
-  } catch (const std::exception&) {
+  {
+    const auto app = cli::make_app();
+    try {
+      app->parse(static_cast<int>(argv.size()), argv.data());
+    } catch (const CLI::Error&) {
+    } catch (const std::exception&) {
+    }
   }
   std::cout.clear();
+  fs::current_path(start);
   return 0;
 }
