@@ -5,6 +5,7 @@
 
 #include "common.hpp"
 #include "pixels.hpp"
+#include "threads.hpp"
 
 namespace vemoproc_py {
 
@@ -165,6 +166,13 @@ _NV21 and _I420. Raises ValueError naming a plane that is too small.)");
         "allocates is held to it.");
   m.def("max_image_pixels", &vemoproc::max_image_pixels,
         "The process-wide decoding budget in pixels.");
+
+  m.attr("MAX_THREADS") = vemoproc::kMaxThreads;
+  m.def("set_num_threads", &vemoproc::set_num_threads, py::arg("n"),
+        "Let library calls use up to n threads, counting the calling thread (1, the default, "
+        "creates none). Results are bit-identical to one thread. Process-wide. Raises "
+        "RuntimeError for n outside [1, MAX_THREADS].");
+  m.def("num_threads", &vemoproc::num_threads, "The current thread setting (1 unless changed).");
 }
 
 }  // namespace vemoproc_py
