@@ -51,11 +51,8 @@ void bind_dia(py::module_& parent) {
             std::string bytes = py::isinstance<py::str>(text)
                                     ? text.cast<std::string>()
                                     : text.cast<py::bytes>().cast<std::string>();
-            xt::xarray<uint8_t> out;
-            {
-              py::gil_scoped_release nogil;
-              out = self.prepareTextInput(bytes, pad_value, max_len);
-            }
+            xt::xarray<uint8_t> out =
+                released([&] { return self.prepareTextInput(bytes, pad_value, max_len); });
             return to_numpy(std::move(out));
           },
           py::arg("text"), py::arg("pad_value") = 0, py::arg("max_len") = 1024,
@@ -65,11 +62,8 @@ Raises ValueError for a negative max_len.)")
       .def(
           "buildDelayIndices",
           [](DiaPreprocessor& self, int B, int T, int C, std::vector<int> delay_pattern) {
-            IndexPair out;
-            {
-              py::gil_scoped_release nogil;
-              out = self.buildDelayIndices(B, T, C, delay_pattern);
-            }
+            IndexPair out =
+                released([&] { return self.buildDelayIndices(B, T, C, delay_pattern); });
             return to_python(std::move(out));
           },
           py::arg("B"), py::arg("T"), py::arg("C"), py::arg("delay_pattern"),
@@ -82,11 +76,8 @@ shape and pattern and pass to applyAudioDelay.)")
              py::handle precomputed) {
             xt::xarray<float> a = to_xarray<float>(audio, "audio");
             IndexPair idx = index_pair(precomputed);
-            xt::xarray<float> out;
-            {
-              py::gil_scoped_release nogil;
-              out = self.applyAudioDelay(a, pad_value, bos_value, idx);
-            }
+            xt::xarray<float> out =
+                released([&] { return self.applyAudioDelay(a, pad_value, bos_value, idx); });
             return to_numpy(std::move(out));
           },
           py::arg("audio"), py::arg("pad_value"), py::arg("bos_value"), py::arg("precomputed"),
@@ -96,11 +87,8 @@ RuntimeError for indices built for another shape.)")
       .def(
           "buildRevertIndices",
           [](DiaPreprocessor& self, int B, int T, int C, std::vector<int> delay_pattern) {
-            IndexPair out;
-            {
-              py::gil_scoped_release nogil;
-              out = self.buildRevertIndices(B, T, C, delay_pattern);
-            }
+            IndexPair out =
+                released([&] { return self.buildRevertIndices(B, T, C, delay_pattern); });
             return to_python(std::move(out));
           },
           py::arg("B"), py::arg("T"), py::arg("C"), py::arg("delay_pattern"),
@@ -112,11 +100,8 @@ offsets), both int32. Raises RuntimeError for a negative delay.)")
              int T) {
             xt::xarray<float> a = to_xarray<float>(audio, "audio");
             IndexPair idx = index_pair(precomputed);
-            xt::xarray<float> out;
-            {
-              py::gil_scoped_release nogil;
-              out = self.revertAudioDelay(a, pad_value, idx, T);
-            }
+            xt::xarray<float> out =
+                released([&] { return self.revertAudioDelay(a, pad_value, idx, T); });
             return to_numpy(std::move(out));
           },
           py::arg("audio"), py::arg("pad_value"), py::arg("precomputed"), py::arg("T"),
@@ -129,12 +114,10 @@ source frame is >= T, the gathered code otherwise.)")
             xt::xarray<int> prompt;
             const bool has_prompt = !audio_prompt.is_none();
             if (has_prompt) prompt = to_xarray<int>(audio_prompt, "audio_prompt");
-            std::pair<xt::xarray<int>, int> out;
-            {
-              py::gil_scoped_release nogil;
-              out = self.prepareAudioPrompt(has_prompt ? &prompt : nullptr, bos_value, pad_value,
-                                            num_channels, delay_pattern);
-            }
+            std::pair<xt::xarray<int>, int> out = released([&] {
+              return self.prepareAudioPrompt(has_prompt ? &prompt : nullptr, bos_value, pad_value,
+                                             num_channels, delay_pattern);
+            });
             return py::make_tuple(to_numpy(std::move(out.first)), out.second);
           },
           py::arg("audio_prompt"), py::arg("bos_value"), py::arg("pad_value"),
@@ -147,12 +130,10 @@ None), max(delay_pattern) frames of -1, with the delay applied. Returns
           [](DiaPreprocessor& self, py::array logits, float temperature, float top_p, int top_k,
              std::optional<uint64_t> seed) {
             xt::xarray<float> l = to_xarray<float>(logits, "logits");
-            xt::xarray<int> out;
-            {
-              py::gil_scoped_release nogil;
-              out = seed ? self.sampleNextToken(l, temperature, top_p, top_k, *seed)
-                         : self.sampleNextToken(l, temperature, top_p, top_k);
-            }
+            xt::xarray<int> out = released([&] {
+              return seed ? self.sampleNextToken(l, temperature, top_p, top_k, *seed)
+                          : self.sampleNextToken(l, temperature, top_p, top_k);
+            });
             return to_numpy(std::move(out));
           },
           py::arg("logits"), py::arg("temperature") = 1.0f, py::arg("top_p") = 1.0f,
@@ -168,11 +149,7 @@ Raises RuntimeError for a row with no distribution.)")
           [](DiaPreprocessor& self, py::array logits, const dia::SamplingParams& params,
              uint64_t seed) {
             xt::xarray<float> l = to_xarray<float>(logits, "logits");
-            xt::xarray<int> out;
-            {
-              py::gil_scoped_release nogil;
-              out = self.sampleNextToken(l, params, seed);
-            }
+            xt::xarray<int> out = released([&] { return self.sampleNextToken(l, params, seed); });
             return to_numpy(std::move(out));
           },
           py::arg("logits"), py::arg("params"), py::arg("seed"),
@@ -182,11 +159,7 @@ Raises RuntimeError for a row with no distribution.)")
           [](DiaPreprocessor& self, py::array cond, py::array uncond, float cfg_scale) {
             xt::xarray<float> c = to_xarray<float>(cond, "cond");
             xt::xarray<float> u = to_xarray<float>(uncond, "uncond");
-            xt::xarray<float> out;
-            {
-              py::gil_scoped_release nogil;
-              out = self.applyCfg(c, u, cfg_scale);
-            }
+            xt::xarray<float> out = released([&] { return self.applyCfg(c, u, cfg_scale); });
             return to_numpy(std::move(out));
           },
           py::arg("cond"), py::arg("uncond"), py::arg("cfg_scale"),
@@ -216,11 +189,7 @@ row 0. Raises RuntimeError for another rank or eos_value outside [0, V).)")
           [](DiaPreprocessor& self, py::array query_mask, py::array key_mask, bool causal) {
             xt::xarray<bool> q = to_xarray<bool>(query_mask, "query_mask");
             xt::xarray<bool> k = to_xarray<bool>(key_mask, "key_mask");
-            xt::xarray<bool> out;
-            {
-              py::gil_scoped_release nogil;
-              out = self.createAttnMask(q, k, causal);
-            }
+            xt::xarray<bool> out = released([&] { return self.createAttnMask(q, k, causal); });
             return to_numpy(std::move(out));
           },
           py::arg("query_mask"), py::arg("key_mask"), py::arg("causal") = false,

@@ -103,11 +103,7 @@ py::array_t<uint8_t> yuv_to_rgb(py::handle y, py::handle u, py::handle v,
       require_plane(pu, "u", crows, ccols * 2);
     }
   }
-  vemoproc::Image out;
-  {
-    py::gil_scoped_release nogil;
-    out = vemoproc::to_rgb(f, rotation);
-  }
+  vemoproc::Image out = released([&] { return vemoproc::to_rgb(f, rotation); });
   return to_numpy(std::move(out));
 }
 

@@ -52,23 +52,6 @@ std::vector<yolo::Detection> detections_of(py::handle obj) {
   return out;
 }
 
-// Paths or pixel arrays of a batch, as views read in place.
-struct ImageBatch {
-  std::vector<ImageArg> args;
-  std::vector<vemoproc::ImageView> views;
-};
-
-ImageBatch image_batch(py::handle images) {
-  ImageBatch b;
-  for (py::handle h : images) b.args.push_back(image_arg(h, "images"));
-  for (const ImageArg& a : b.args) {
-    if (a.is_path)
-      throw py::type_error("images: items are arrays or encoded bytes; use preprocess for paths");
-    b.views.push_back(a.view);
-  }
-  return b;
-}
-
 yolo::PostprocessOptions options_of(float conf_threshold, float iou_threshold, size_t max_det,
                                     bool agnostic, bool channels_first, bool objectness,
                                     std::vector<int> classes, size_t max_candidates) {
@@ -132,11 +115,7 @@ void bind_yolo(py::module_& parent) {
       "preprocess",
       [](py::handle paths, std::array<int, 2> size) {
         std::vector<std::string> files = paths_of(paths);
-        xt::xtensor<float, 4> out;
-        {
-          py::gil_scoped_release nogil;
-          out = yolo::preprocess(files, size);
-        }
+        xt::xtensor<float, 4> out = released([&] { return yolo::preprocess(files, size); });
         return to_numpy(std::move(out));
       },
       py::arg("paths"), py::arg("size") = std::array<int, 2>{640, 640},
@@ -151,11 +130,8 @@ cannot be decoded.)");
       [](py::array image, std::array<int, 2> new_shape, unsigned char pad_value) {
         py::object keep;
         vemoproc::ImageView view = image_view(image, "image", keep);
-        yolo::RawImage out;
-        {
-          py::gil_scoped_release nogil;
-          out = yolo::letterbox(yolo::RawImage(view), new_shape, pad_value);
-        }
+        yolo::RawImage out =
+            released([&] { return yolo::letterbox(yolo::RawImage(view), new_shape, pad_value); });
         std::vector<py::ssize_t> shape{out.height, out.width, 3};
         return to_numpy(std::move(out.data), std::move(shape));
       },
@@ -173,12 +149,10 @@ image: uint8 HxWx3 (RGB), HxWx4 (RGBA) or HxW (grey). Returns uint8
          std::array<size_t, 2> original_shape, float conf_threshold, float iou_threshold,
          size_t max_det, bool as_array) -> py::object {
         xt::xtensor<float, 2> head = to_xtensor<float, 2>(predictions, "predictions");
-        std::vector<yolo::Detection> dets;
-        {
-          py::gil_scoped_release nogil;
-          dets = yolo::postprocess(head, input_shape, original_shape, conf_threshold, iou_threshold,
+        std::vector<yolo::Detection> dets = released([&] {
+          return yolo::postprocess(head, input_shape, original_shape, conf_threshold, iou_threshold,
                                    max_det);
-        }
+        });
         return detections_result(std::move(dets), as_array);
       },
       py::arg("predictions"), py::arg("input_shape"), py::arg("original_shape"),
@@ -235,12 +209,9 @@ columns.)");
   m.def(
       "preprocess_images",
       [](py::handle images, std::array<int, 2> size) {
-        ImageBatch batch = image_batch(images);
-        yolo::DetectionBatch out;
-        {
-          py::gil_scoped_release nogil;
-          out = yolo::preprocess_images(batch.views, size);
-        }
+        ImageBatch batch = image_batch(images, "images");
+        yolo::DetectionBatch out =
+            released([&] { return yolo::preprocess_images(batch.views, size); });
         return py::make_tuple(to_numpy(std::move(out.tensor)), py::cast(out.letterbox));
       },
       py::arg("images"), py::arg("size") = std::array<int, 2>{640, 640},
@@ -259,11 +230,8 @@ pixels, bit for bit; size is (width, height).)");
         const yolo::PostprocessOptions o =
             options_of(conf_threshold, iou_threshold, max_det, agnostic, channels_first, objectness,
                        std::move(classes), max_candidates);
-        std::vector<yolo::Detection> dets;
-        {
-          py::gil_scoped_release nogil;
-          dets = yolo::postprocess(h, letterbox, o);
-        }
+        std::vector<yolo::Detection> dets =
+            released([&] { return yolo::postprocess(h, letterbox, o); });
         return detections_result(std::move(dets), as_array);
       },
       py::arg("head"), py::arg("letterbox"), VEMOPROC_PY_OPTION_ARGS,
@@ -282,11 +250,8 @@ exact inverse of the letterbox.
         const yolo::PostprocessOptions o =
             options_of(conf_threshold, iou_threshold, max_det, agnostic, channels_first, objectness,
                        std::move(classes), max_candidates);
-        std::vector<std::vector<yolo::Detection>> dets;
-        {
-          py::gil_scoped_release nogil;
-          dets = yolo::postprocess_batch(h, letterbox, o);
-        }
+        std::vector<std::vector<yolo::Detection>> dets =
+            released([&] { return yolo::postprocess_batch(h, letterbox, o); });
         py::list out;
         for (auto& d : dets) out.append(detections_result(std::move(d), as_array));
         return out;
@@ -302,11 +267,8 @@ with channels_first) and one LetterboxInfo per image; a list of results.
       [](py::array rows, const yolo::LetterboxInfo& letterbox, float conf_threshold,
          bool as_array) {
         xt::xtensor<float, 2> r = to_xtensor<float, 2>(rows, "rows");
-        std::vector<yolo::Detection> dets;
-        {
-          py::gil_scoped_release nogil;
-          dets = yolo::postprocess_end2end(r, letterbox, conf_threshold);
-        }
+        std::vector<yolo::Detection> dets =
+            released([&] { return yolo::postprocess_end2end(r, letterbox, conf_threshold); });
         return detections_result(std::move(dets), as_array);
       },
       py::arg("rows"), py::arg("letterbox"), py::arg("conf_threshold") = 0.25f, py::kw_only(),
