@@ -254,6 +254,11 @@ TEST(RawImageLoad, ViewsAndThePixelBudget) {
   const uint64_t saved = vemoproc::max_image_pixels();
   vemoproc::set_max_image_pixels(35);
   EXPECT_EQ(error_of([&] { yolo::RawImage im(path); }), "stbi_load failed for: " + path);
+  // The letterbox target is held to the same budget.
+  vemoproc::set_max_image_pixels(36);
+  EXPECT_EQ(yolo::letterbox(file, {9, 4}, 114).data.size(), 9u * 4 * 3);
+  EXPECT_EQ(error_of([&] { yolo::letterbox(file, {9, 5}, 114); }),
+            "stbir_resize_uint8_linear failed");
   vemoproc::set_max_image_pixels(saved);
 }
 

@@ -212,6 +212,17 @@ Image apply_orientation(Image image, int orientation) {
   }
 }
 
+// One row of `w` pixels of `Ch` bytes (blue first when Swap) to RGB; a fourth
+// byte (alpha) is dropped.
+template <size_t Ch, bool Swap>
+void reorder_row(const uint8_t* src, size_t w, uint8_t* dst) {
+  for (size_t x = 0; x < w; ++x, src += Ch, dst += 3) {
+    dst[0] = src[Swap ? 2 : 0];
+    dst[1] = src[1];
+    dst[2] = src[Swap ? 0 : 2];
+  }
+}
+
 // ---------------------------------------------------------------------------
 // YUV 4:2:0 to RGB, BT.601 in 20-bit fixed point
 // ---------------------------------------------------------------------------
@@ -433,21 +444,13 @@ Image to_rgb(const ImageView& view, Rotation rotation) {
         std::memcpy(dst, src, w * 3);
         break;
       case PixelFormat::BGR:
-        for (size_t x = 0; x < w; ++x) {
-          dst[3 * x] = src[3 * x + 2];
-          dst[3 * x + 1] = src[3 * x + 1];
-          dst[3 * x + 2] = src[3 * x];
-        }
+        reorder_row<3, true>(src, w, dst);
         break;
       case PixelFormat::RGBA:
-        for (size_t x = 0; x < w; ++x) std::memcpy(dst + 3 * x, src + 4 * x, 3);
+        reorder_row<4, false>(src, w, dst);
         break;
       case PixelFormat::BGRA:
-        for (size_t x = 0; x < w; ++x) {
-          dst[3 * x] = src[4 * x + 2];
-          dst[3 * x + 1] = src[4 * x + 1];
-          dst[3 * x + 2] = src[4 * x];
-        }
+        reorder_row<4, true>(src, w, dst);
         break;
       case PixelFormat::GRAY:
         for (size_t x = 0; x < w; ++x) dst[3 * x] = dst[3 * x + 1] = dst[3 * x + 2] = src[x];

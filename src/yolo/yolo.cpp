@@ -110,6 +110,8 @@ struct LetterboxBlock {
 // resampler cannot do.
 LetterboxBlock letterbox_block(const vemoproc::detail::RgbSource& rgb,
                                const std::array<int, 2>& new_shape) {
+  // The letterboxed image (the target box) is held to the decoding budget.
+  if (!vemoproc::detail::within_pixel_budget(new_shape[0], new_shape[1])) throw resize_failed();
   LetterboxBlock block;
   block.geometry = letterbox_geometry(rgb.width(), rgb.height(), new_shape);
   const int new_w = block.geometry.new_width;
