@@ -18,6 +18,15 @@ namespace vemoproc_py {
 
 namespace {
 
+// Text from the library as a Python str; bytes that are not valid UTF-8 are
+// replaced rather than failing.
+py::str utf8_str(const std::string& text) {
+  PyObject* str =
+      PyUnicode_DecodeUTF8(text.data(), static_cast<py::ssize_t>(text.size()), "replace");
+  if (!str) throw py::error_already_set();
+  return py::reinterpret_steal<py::str>(str);
+}
+
 // A Tokenizer whose decode calls the Python object's decode(list) -> str.
 class PyTokenizer : public Tokenizer {
  public:
@@ -55,14 +64,7 @@ class PyStreamBuf : public std::streambuf {
     py::gil_scoped_acquire gil;
     std::string text;
     text.swap(pending_);
-    // Bytes the decoder produced that are not valid UTF-8 are replaced rather
-    // than failing the write.
-    if (!text.empty()) {
-      py::object str = py::reinterpret_steal<py::object>(
-          PyUnicode_DecodeUTF8(text.data(), static_cast<py::ssize_t>(text.size()), "replace"));
-      if (!str) throw py::error_already_set();
-      stream_.attr("write")(str);
-    }
+    if (!text.empty()) stream_.attr("write")(utf8_str(text));
     stream_.attr("flush")();
     return 0;
   }
@@ -183,8 +185,7 @@ class PyQueueStreamer {
           piece = queue_.next(wait);
         }
         if (!piece) return py::none();
-        return py::reinterpret_steal<py::object>(PyUnicode_DecodeUTF8(
-            piece->data(), static_cast<py::ssize_t>(piece->size()), "replace"));
+        return utf8_str(*piece);
       } catch (const PyErrorHolder& e) {
         PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(e.error().ptr())), e.error().ptr());
         throw py::error_already_set();
