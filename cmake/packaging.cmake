@@ -1,6 +1,6 @@
 # One Debian package (CPack's DEB generator) holding the library, its headers
 # with the stb headers beside them, the CMake package, the pkg-config file and
-# the vemoproc tool. Built for the target architecture: the host's, or arm64
+# the vemoproc tool (and the Python package, when built). Built for the target architecture: the host's, or arm64
 # from the aarch64 cross build.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME vemoproc)

@@ -149,4 +149,16 @@ ImageArg image_arg(py::handle obj, const char* name) {
   return arg;
 }
 
+ImageBatch image_batch(py::handle images, const char* name) {
+  ImageBatch b;
+  for (py::handle h : images) b.args.push_back(image_arg(h, name));
+  for (const ImageArg& a : b.args) {
+    if (a.is_path) {
+      throw py::type_error(std::string(name) + ": items are arrays or encoded bytes, not paths");
+    }
+    b.views.push_back(a.view);
+  }
+  return b;
+}
+
 }  // namespace vemoproc_py

@@ -38,6 +38,14 @@ py::array_t<typename Container::value_type> to_numpy(Container&& c) {
   return to_numpy(std::move(c), std::move(shape));
 }
 
+// Runs `work` (a library call on data already taken from Python) with the GIL
+// released, so other Python threads run meanwhile, and returns its result.
+template <class Work>
+auto released(Work&& work) {
+  py::gil_scoped_release nogil;
+  return work();
+}
+
 // An owning RGB image as an HxWx3 uint8 array that owns its pixels.
 inline py::array_t<uint8_t> to_numpy(vemoproc::Image&& image) {
   std::vector<py::ssize_t> shape{image.height, image.width, 3};
@@ -92,6 +100,14 @@ struct ImageArg {
   py::object keep;  // the array (or its contiguous copy) the view reads
 };
 ImageArg image_arg(py::handle obj, const char* name);
+
+// Several images given as pixel arrays or encoded bytes (not paths), as views
+// read in place; `args` keeps what the views read.
+struct ImageBatch {
+  std::vector<ImageArg> args;
+  std::vector<vemoproc::ImageView> views;
+};
+ImageBatch image_batch(py::handle images, const char* name);
 
 // Whether `obj` is bytes, a bytearray or a memoryview, and the image it encodes
 // (decoded with the GIL released).

@@ -5,6 +5,7 @@
 
 #include "common.hpp"
 #include "pixels.hpp"
+#include "threads.hpp"
 
 namespace vemoproc_py {
 
@@ -102,11 +103,7 @@ py::array_t<uint8_t> yuv_to_rgb(py::handle y, py::handle u, py::handle v,
       require_plane(pu, "u", crows, ccols * 2);
     }
   }
-  vemoproc::Image out;
-  {
-    py::gil_scoped_release nogil;
-    out = vemoproc::to_rgb(f, rotation);
-  }
+  vemoproc::Image out = released([&] { return vemoproc::to_rgb(f, rotation); });
   return to_numpy(std::move(out));
 }
 
@@ -165,6 +162,13 @@ _NV21 and _I420. Raises ValueError naming a plane that is too small.)");
         "allocates is held to it.");
   m.def("max_image_pixels", &vemoproc::max_image_pixels,
         "The process-wide decoding budget in pixels.");
+
+  m.attr("MAX_THREADS") = vemoproc::kMaxThreads;
+  m.def("set_num_threads", &vemoproc::set_num_threads, py::arg("n"),
+        "Let library calls use up to n threads, counting the calling thread (1, the default, "
+        "creates none). Results are bit-identical to one thread. Process-wide. Raises "
+        "RuntimeError for n outside [1, MAX_THREADS].");
+  m.def("num_threads", &vemoproc::num_threads, "The current thread setting (1 unless changed).");
 }
 
 }  // namespace vemoproc_py

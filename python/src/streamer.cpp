@@ -1,6 +1,11 @@
 // vemoproc.TextStreamer driven by a Python tokenizer and writing to a Python
 // text stream.
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <ostream>
 #include <streambuf>
 #include <string>
@@ -12,6 +17,15 @@
 namespace vemoproc_py {
 
 namespace {
+
+// Text from the library as a Python str; bytes that are not valid UTF-8 are
+// replaced rather than failing.
+py::str utf8_str(const std::string& text) {
+  PyObject* str =
+      PyUnicode_DecodeUTF8(text.data(), static_cast<py::ssize_t>(text.size()), "replace");
+  if (!str) throw py::error_already_set();
+  return py::reinterpret_steal<py::str>(str);
+}
 
 // A Tokenizer whose decode calls the Python object's decode(list) -> str.
 class PyTokenizer : public Tokenizer {
@@ -50,14 +64,7 @@ class PyStreamBuf : public std::streambuf {
     py::gil_scoped_acquire gil;
     std::string text;
     text.swap(pending_);
-    // Bytes the decoder produced that are not valid UTF-8 are replaced rather
-    // than failing the write.
-    if (!text.empty()) {
-      py::object str = py::reinterpret_steal<py::object>(
-          PyUnicode_DecodeUTF8(text.data(), static_cast<py::ssize_t>(text.size()), "replace"));
-      if (!str) throw py::error_already_set();
-      stream_.attr("write")(str);
-    }
+    if (!text.empty()) stream_.attr("write")(utf8_str(text));
     stream_.attr("flush")();
     return 0;
   }
@@ -106,6 +113,96 @@ class PyTextStreamer {
   std::mutex mutex_;
 };
 
+// A Python exception handed to QueueStreamer::fail, carried through the C++
+// queue and raised again in the consumer. Its object is released with the GIL.
+class PyErrorHolder : public std::exception {
+ public:
+  explicit PyErrorHolder(py::object error) : error_(new py::object(std::move(error))) {}
+  PyErrorHolder(const PyErrorHolder&) = default;
+  ~PyErrorHolder() override {
+    if (error_.use_count() == 1 && Py_IsInitialized()) {
+      py::gil_scoped_acquire gil;
+      error_.reset();
+    }
+  }
+  const char* what() const noexcept override { return "Python exception"; }
+  const py::object& error() const { return *error_; }
+
+ private:
+  std::shared_ptr<py::object> error_;
+};
+
+// QueueStreamer with its Python tokenizer. Producer calls (put, end, fail)
+// and consumer calls (next) are each serialised, taking the lock only after
+// the GIL is released.
+class PyQueueStreamer {
+ public:
+  PyQueueStreamer(py::object tokenizer, bool skip_prompt, bool strip_leading_space)
+      : tokenizer_(std::move(tokenizer)), queue_(tokenizer_, skip_prompt, strip_leading_space) {}
+
+  void put(const std::vector<int>& tokens) {
+    py::gil_scoped_release nogil;
+    std::lock_guard<std::mutex> lock(producer_);
+    queue_.put(tokens);
+  }
+  void end() {
+    py::gil_scoped_release nogil;
+    std::lock_guard<std::mutex> lock(producer_);
+    queue_.end();
+  }
+  void fail(py::object error) {
+    if (!PyExceptionInstance_Check(error.ptr())) {
+      throw py::type_error("error: expected an exception instance");
+    }
+    std::exception_ptr e = std::make_exception_ptr(PyErrorHolder(std::move(error)));
+    py::gil_scoped_release nogil;
+    std::lock_guard<std::mutex> lock(producer_);
+    queue_.fail(e);
+  }
+  void cancel() { queue_.cancel(); }
+
+  // The next piece, None at an end(); waits up to `timeout` seconds (None:
+  // without limit, still answering Ctrl-C).
+  py::object next(std::optional<double> timeout) {
+    using std::chrono::milliseconds;
+    const bool bounded = timeout.has_value();
+    if (bounded && !(*timeout >= 0)) throw py::value_error("timeout: must be >= 0 seconds");
+    const auto limit = std::chrono::steady_clock::now() +
+                       std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                           std::chrono::duration<double>(bounded ? *timeout : 0.0));
+    for (;;) {
+      auto wait = milliseconds(100);
+      if (bounded) {
+        const auto left =
+            std::chrono::duration_cast<milliseconds>(limit - std::chrono::steady_clock::now());
+        wait = std::max(milliseconds(0), std::min(wait, left));
+      }
+      try {
+        std::optional<std::string> piece;
+        {
+          py::gil_scoped_release nogil;
+          std::lock_guard<std::mutex> lock(consumer_);
+          piece = queue_.next(wait);
+        }
+        if (!piece) return py::none();
+        return utf8_str(*piece);
+      } catch (const PyErrorHolder& e) {
+        PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(e.error().ptr())), e.error().ptr());
+        throw py::error_already_set();
+      } catch (const vemoproc::StreamTimeout&) {
+        if (bounded && std::chrono::steady_clock::now() >= limit) throw;
+        if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+      }
+    }
+  }
+
+ private:
+  PyTokenizer tokenizer_;
+  QueueStreamer queue_;
+  std::mutex producer_;
+  std::mutex consumer_;
+};
+
 std::vector<int> token_ids(py::handle ids) {
   if (py::isinstance<py::int_>(ids)) return {ids.cast<int>()};
   auto a = as_array<int>(ids, "ids", -1);
@@ -148,6 +245,42 @@ propagate; IndexError when the tokenizer shortens already written text.)")
           "put", [](PyTextStreamer& s, py::handle ids) { s.put(token_ids(ids)); }, py::arg("ids"),
           "Hand over one generation step's new token ids (a list, an int or an integer array).")
       .def("end", &PyTextStreamer::end, "Write the rest of the text and a line feed.");
+
+  py::register_exception<vemoproc::StreamTimeout>(m, "StreamTimeout", PyExc_TimeoutError);
+  py::register_exception<vemoproc::Cancelled>(m, "Cancelled", PyExc_RuntimeError);
+  py::class_<PyQueueStreamer>(m, "QueueStreamer",
+                              R"(Hands generated text to a consumer on another thread.
+
+The generation thread calls put(ids) and end() (and fail(exception) to pass an
+error on); the consumer calls next(timeout) or iterates: `for piece in
+streamer` yields the pieces of one generation and stops at its end(). The
+hold-back rules are TextStreamer's. next() raises StreamTimeout (a
+TimeoutError) when nothing arrives in time; after cancel() every put raises
+Cancelled, so the generation loop stops.)")
+      .def(py::init([](py::object tokenizer, bool skip_prompt, bool strip_leading_space) {
+             if (!py::hasattr(tokenizer, "decode")) {
+               throw py::type_error("tokenizer: expected an object with decode(ids)");
+             }
+             return new PyQueueStreamer(std::move(tokenizer), skip_prompt, strip_leading_space);
+           }),
+           py::arg("tokenizer"), py::arg("skip_prompt") = true,
+           py::arg("strip_leading_space") = true)
+      .def(
+          "put", [](PyQueueStreamer& s, py::handle ids) { s.put(token_ids(ids)); }, py::arg("ids"),
+          "Queue the newly final text of one generation step.")
+      .def("end", &PyQueueStreamer::end, "Queue the rest of the text, a line feed and the end.")
+      .def("fail", &PyQueueStreamer::fail, py::arg("error"),
+           "Make the consumer's next call of next() raise `error` (an exception instance).")
+      .def("cancel", &PyQueueStreamer::cancel, "Make every later put raise Cancelled.")
+      .def("next", &PyQueueStreamer::next, py::arg("timeout") = py::none(),
+           "The next piece (str), or None where end() was called; waits up to timeout seconds "
+           "(None: no limit) and raises StreamTimeout after that.")
+      .def("__iter__", [](py::object self) { return self; })
+      .def("__next__", [](PyQueueStreamer& s) {
+        py::object piece = s.next(std::nullopt);
+        if (piece.is_none()) throw py::stop_iteration();
+        return piece;
+      });
 }
 
 }  // namespace vemoproc_py

@@ -18,11 +18,8 @@ namespace {
 template <class Preprocessor>
 py::array_t<float> process(Preprocessor& pre, py::handle x) {
   ImageArg arg = image_arg(x, "x");
-  xt::xarray<float> out;
-  {
-    py::gil_scoped_release nogil;
-    out = arg.is_path ? pre.process(arg.path) : pre.process(arg.view);
-  }
+  xt::xarray<float> out =
+      released([&] { return arg.is_path ? pre.process(arg.path) : pre.process(arg.view); });
   return to_numpy(std::move(out));
 }
 
@@ -89,11 +86,8 @@ factor when it is 0.)");
       [](py::array image, int new_height, int new_width) {
         xt::xtensor<uint8_t, 3> in = to_xtensor<uint8_t, 3>(image, "image");
         if (in.shape(2) != 3) throw py::value_error("image: expected an HxWx3 array");
-        xt::xtensor<uint8_t, 3> out;
-        {
-          py::gil_scoped_release nogil;
-          out = qwen2vl::resize_image(in, new_height, new_width);
-        }
+        xt::xtensor<uint8_t, 3> out =
+            released([&] { return qwen2vl::resize_image(in, new_height, new_width); });
         return to_numpy(std::move(out));
       },
       py::arg("image"), py::arg("new_height"), py::arg("new_width"),
@@ -128,22 +122,11 @@ factor when it is 0.)");
               out = self.preprocess(path);
             } else {
               // One image or a list of them, each an array or encoded bytes.
-              std::vector<py::object> items;
-              if (py::isinstance<py::array>(x) || is_bytes_like(x)) {
-                items.push_back(py::reinterpret_borrow<py::object>(x));
-              } else {
-                for (py::handle h : x) items.push_back(py::reinterpret_borrow<py::object>(h));
-              }
-              std::vector<ImageArg> args;
-              args.reserve(items.size());
-              for (const auto& item : items) args.push_back(image_arg(item, "images"));
-              std::vector<vemoproc::ImageView> views;
-              for (const auto& a : args) {
-                if (a.is_path) throw py::type_error("images: a list holds arrays or bytes");
-                views.push_back(a.view);
-              }
+              py::object list = py::reinterpret_borrow<py::object>(x);
+              if (py::isinstance<py::array>(x) || is_bytes_like(x)) list = py::make_tuple(x);
+              ImageBatch batch = image_batch(list, "images");
               py::gil_scoped_release nogil;
-              out = self.preprocess(views);
+              out = self.preprocess(batch.views);
             }
             return qwen_output(std::move(out));
           },

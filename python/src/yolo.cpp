@@ -52,6 +52,42 @@ std::vector<yolo::Detection> detections_of(py::handle obj) {
   return out;
 }
 
+yolo::PostprocessOptions options_of(float conf_threshold, float iou_threshold, size_t max_det,
+                                    bool agnostic, bool channels_first, bool objectness,
+                                    std::vector<int> classes, size_t max_candidates) {
+  yolo::PostprocessOptions o;
+  o.conf_threshold = conf_threshold;
+  o.iou_threshold = iou_threshold;
+  o.max_det = max_det;
+  o.agnostic = agnostic;
+  o.channels_first = channels_first;
+  o.objectness = objectness;
+  o.classes = std::move(classes);
+  o.max_candidates = max_candidates;
+  return o;
+}
+
+py::object detections_result(std::vector<yolo::Detection>&& dets, bool as_array) {
+  if (as_array) return detections_array(dets);
+  return py::cast(std::move(dets));
+}
+
+// The keywords of the geometry overloads, one per PostprocessOptions field.
+#define VEMOPROC_PY_OPTION_ARGS                                                                \
+  py::kw_only(), py::arg("conf_threshold") = 0.25f, py::arg_v("iou_threshold", 0.45f, "0.45"), \
+                 py::arg("max_det") = 300, py::arg("agnostic") = false,                        \
+                 py::arg("channels_first") = false, py::arg("objectness") = false,             \
+                 py::arg("classes") = std::vector<int>{}, py::arg("max_candidates") = 30000,   \
+                 py::arg("as_array") = false
+
+constexpr const char* kOptionsDoc = R"(
+Keywords: conf_threshold (scores strictly above), iou_threshold (NMS suppresses
+IoU strictly above), max_det, agnostic (NMS across classes), channels_first
+(the head is [4 + classes, N], e.g. a [1, 84, 8400] export without its batch
+axis), objectness (older [N, 5 + classes] heads: column 4 multiplies the class
+scores), classes (keep only these ids), max_candidates (most boxes sent to
+NMS), as_array (an [N, 6] float32 array instead of Detection objects).)";
+
 }  // namespace
 
 void bind_yolo(py::module_& parent) {
@@ -79,11 +115,7 @@ void bind_yolo(py::module_& parent) {
       "preprocess",
       [](py::handle paths, std::array<int, 2> size) {
         std::vector<std::string> files = paths_of(paths);
-        xt::xtensor<float, 4> out;
-        {
-          py::gil_scoped_release nogil;
-          out = yolo::preprocess(files, size);
-        }
+        xt::xtensor<float, 4> out = released([&] { return yolo::preprocess(files, size); });
         return to_numpy(std::move(out));
       },
       py::arg("paths"), py::arg("size") = std::array<int, 2>{640, 640},
@@ -98,11 +130,8 @@ cannot be decoded.)");
       [](py::array image, std::array<int, 2> new_shape, unsigned char pad_value) {
         py::object keep;
         vemoproc::ImageView view = image_view(image, "image", keep);
-        yolo::RawImage out;
-        {
-          py::gil_scoped_release nogil;
-          out = yolo::letterbox(yolo::RawImage(view), new_shape, pad_value);
-        }
+        yolo::RawImage out =
+            released([&] { return yolo::letterbox(yolo::RawImage(view), new_shape, pad_value); });
         std::vector<py::ssize_t> shape{out.height, out.width, 3};
         return to_numpy(std::move(out.data), std::move(shape));
       },
@@ -120,14 +149,11 @@ image: uint8 HxWx3 (RGB), HxWx4 (RGBA) or HxW (grey). Returns uint8
          std::array<size_t, 2> original_shape, float conf_threshold, float iou_threshold,
          size_t max_det, bool as_array) -> py::object {
         xt::xtensor<float, 2> head = to_xtensor<float, 2>(predictions, "predictions");
-        std::vector<yolo::Detection> dets;
-        {
-          py::gil_scoped_release nogil;
-          dets = yolo::postprocess(head, input_shape, original_shape, conf_threshold, iou_threshold,
+        std::vector<yolo::Detection> dets = released([&] {
+          return yolo::postprocess(head, input_shape, original_shape, conf_threshold, iou_threshold,
                                    max_det);
-        }
-        if (as_array) return detections_array(dets);
-        return py::cast(std::move(dets));
+        });
+        return detections_result(std::move(dets), as_array);
       },
       py::arg("predictions"), py::arg("input_shape"), py::arg("original_shape"),
       py::arg("conf_threshold") = 0.25f, py::arg_v("iou_threshold", 0.45f, "0.45"),
@@ -143,6 +169,113 @@ max_det kept), undoes the letterbox and clips boxes to the original image.
 Returns a list of Detection, or with as_array=True an [N, 6] float32 array of
 (x1, y1, x2, y2, score, class_id). Raises RuntimeError for fewer than 6
 columns.)");
+
+  py::class_<yolo::LetterboxInfo>(m, "LetterboxInfo",
+                                  "What letterbox applied to one image (all in pixels).")
+      .def(py::init([](int original_width, int original_height, float scale, int new_width,
+                       int new_height, int left, int top) {
+             return yolo::LetterboxInfo{
+                 original_width, original_height, scale, new_width, new_height, left, top};
+           }),
+           py::arg("original_width"), py::arg("original_height"), py::arg("scale"),
+           py::arg("new_width"), py::arg("new_height"), py::arg("left"), py::arg("top"))
+      .def_readwrite("original_width", &yolo::LetterboxInfo::original_width)
+      .def_readwrite("original_height", &yolo::LetterboxInfo::original_height)
+      .def_readwrite("scale", &yolo::LetterboxInfo::scale)
+      .def_readwrite("new_width", &yolo::LetterboxInfo::new_width)
+      .def_readwrite("new_height", &yolo::LetterboxInfo::new_height)
+      .def_readwrite("left", &yolo::LetterboxInfo::left)
+      .def_readwrite("top", &yolo::LetterboxInfo::top)
+      .def("__eq__",
+           [](const yolo::LetterboxInfo& a, const yolo::LetterboxInfo& b) {
+             return a.original_width == b.original_width &&
+                    a.original_height == b.original_height && a.scale == b.scale &&
+                    a.new_width == b.new_width && a.new_height == b.new_height &&
+                    a.left == b.left && a.top == b.top;
+           })
+      .def("__repr__", [](const yolo::LetterboxInfo& i) {
+        return py::str(
+                   "LetterboxInfo(original_width={}, original_height={}, scale={}, "
+                   "new_width={}, new_height={}, left={}, top={})")
+            .format(i.original_width, i.original_height, i.scale, i.new_width, i.new_height, i.left,
+                    i.top);
+      });
+
+  m.def("letterbox_info", &yolo::letterbox_info, py::arg("width"), py::arg("height"),
+        py::arg("new_shape") = std::array<int, 2>{640, 640},
+        "The letterbox geometry of a width x height image fitted into new_shape = (width, "
+        "height), without touching pixels.");
+
+  m.def(
+      "preprocess_images",
+      [](py::handle images, std::array<int, 2> size) {
+        ImageBatch batch = image_batch(images, "images");
+        yolo::DetectionBatch out =
+            released([&] { return yolo::preprocess_images(batch.views, size); });
+        return py::make_tuple(to_numpy(std::move(out.tensor)), py::cast(out.letterbox));
+      },
+      py::arg("images"), py::arg("size") = std::array<int, 2>{640, 640},
+      R"(preprocess for images in memory: (float32 [N, 3, height, width], [LetterboxInfo]).
+
+images: uint8 arrays (HxWx3, HxWx4 or HxW; read in place when rows are packed)
+or encoded bytes. The tensor equals preprocess on files decoding to the same
+pixels, bit for bit; size is (width, height).)");
+
+  m.def(
+      "postprocess",
+      [](py::array head, const yolo::LetterboxInfo& letterbox, float conf_threshold,
+         float iou_threshold, size_t max_det, bool agnostic, bool channels_first, bool objectness,
+         std::vector<int> classes, size_t max_candidates, bool as_array) {
+        xt::xtensor<float, 2> h = to_xtensor<float, 2>(head, "head");
+        const yolo::PostprocessOptions o =
+            options_of(conf_threshold, iou_threshold, max_det, agnostic, channels_first, objectness,
+                       std::move(classes), max_candidates);
+        std::vector<yolo::Detection> dets =
+            released([&] { return yolo::postprocess(h, letterbox, o); });
+        return detections_result(std::move(dets), as_array);
+      },
+      py::arg("head"), py::arg("letterbox"), VEMOPROC_PY_OPTION_ARGS,
+      (std::string(R"(Geometry form: decode one image's head with the LetterboxInfo that
+preprocess_images or letterbox_info gave for it, mapping boxes back with the
+exact inverse of the letterbox.
+)") + kOptionsDoc)
+          .c_str());
+
+  m.def(
+      "postprocess_batch",
+      [](py::array heads, const std::vector<yolo::LetterboxInfo>& letterbox, float conf_threshold,
+         float iou_threshold, size_t max_det, bool agnostic, bool channels_first, bool objectness,
+         std::vector<int> classes, size_t max_candidates, bool as_array) {
+        xt::xtensor<float, 3> h = to_xtensor<float, 3>(heads, "heads");
+        const yolo::PostprocessOptions o =
+            options_of(conf_threshold, iou_threshold, max_det, agnostic, channels_first, objectness,
+                       std::move(classes), max_candidates);
+        std::vector<std::vector<yolo::Detection>> dets =
+            released([&] { return yolo::postprocess_batch(h, letterbox, o); });
+        py::list out;
+        for (auto& d : dets) out.append(detections_result(std::move(d), as_array));
+        return out;
+      },
+      py::arg("heads"), py::arg("letterbox"), VEMOPROC_PY_OPTION_ARGS,
+      (std::string(R"(The geometry form for a batch: heads [B, N, 4 + classes] ([B, 4 + classes, N]
+with channels_first) and one LetterboxInfo per image; a list of results.
+)") + kOptionsDoc)
+          .c_str());
+
+  m.def(
+      "postprocess_end2end",
+      [](py::array rows, const yolo::LetterboxInfo& letterbox, float conf_threshold,
+         bool as_array) {
+        xt::xtensor<float, 2> r = to_xtensor<float, 2>(rows, "rows");
+        std::vector<yolo::Detection> dets =
+            released([&] { return yolo::postprocess_end2end(r, letterbox, conf_threshold); });
+        return detections_result(std::move(dets), as_array);
+      },
+      py::arg("rows"), py::arg("letterbox"), py::arg("conf_threshold") = 0.25f, py::kw_only(),
+      py::arg("as_array") = false,
+      R"(For heads that need no NMS: rows [N, 6] of (x1, y1, x2, y2, score, class) in
+network pixels. Rows scoring strictly above conf_threshold, in input order,
+mapped back and clipped like the geometry form of postprocess.)");
 
   m.def(
       "draw_detections",

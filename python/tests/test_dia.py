@@ -104,3 +104,33 @@ def test_integer_inputs_that_would_wrap_are_refused(dp):
     wide = (idx[0], idx[1].astype(np.uint64) + np.uint64(2**63))
     with pytest.raises(ValueError, match=r"precomputed\[1\]"):
         dp.applyAudioDelay(np.zeros((1, 4, 3), np.float32), 0, 0, wide)
+
+
+def test_seeded_sampling_guidance_and_masks(dp):
+    rng = np.random.default_rng(2)
+    logits = rng.normal(size=(3, 40)).astype(np.float32)
+    first = dp.sampleNextToken(logits, 1.0, 0.95, 20, seed=7)
+    assert np.array_equal(first, dp.sampleNextToken(logits, 1.0, 0.95, 20, seed=7))
+    # Row r of a batch is the single row drawn with seed + r.
+    assert dp.sampleNextToken(logits[2:], 1.0, 0.95, 20, seed=9).tolist() == [first[2]]
+    params = dia.SamplingParams(1.0, top_p=0.95, top_k=20)
+    assert np.array_equal(dp.sampleNextToken(logits, params, 7), first)
+    with pytest.raises(RuntimeError, match="min_p"):
+        dp.sampleNextToken(logits, dia.SamplingParams(1.0, min_p=2.0), 7)
+
+    cond, uncond = logits[:2], logits[1:]
+    guided = dp.applyCfg(cond, uncond, 3.0)
+    assert np.array_equal(guided, cond + np.float32(3.0) * (cond - uncond))
+    with pytest.raises(RuntimeError, match="uncond must have the shape of cond"):
+        dp.applyCfg(cond, logits, 3.0)
+
+    masked = logits.copy()
+    dp.maskAudioLogits(masked, 30)
+    expected = logits.copy()
+    expected[:, 31:] = -np.inf
+    expected[1:, 30] = -np.inf
+    assert np.array_equal(masked, expected)
+    with pytest.raises(TypeError, match="logits"):
+        dp.maskAudioLogits(logits.astype(np.float64), 30)
+    with pytest.raises(RuntimeError, match="eos_value"):
+        dp.maskAudioLogits(logits.copy(), 40)

@@ -1,4 +1,5 @@
 import io
+import threading
 
 import numpy as np
 import pytest
@@ -84,3 +85,29 @@ def test_python_errors_propagate_with_their_type():
         vemoproc.TextStreamer(object())
     with pytest.raises(TypeError, match="stream"):
         vemoproc.TextStreamer(Words(), object())
+
+
+def test_queue_streamer_between_threads():
+    q = vemoproc.QueueStreamer(Words(), skip_prompt=False)
+
+    def generate():
+        for step in ([0], [1], [2, 3], [4], [5]):
+            q.put(step)
+        q.end()
+
+    producer = threading.Thread(target=generate)
+    producer.start()
+    pieces = list(q)  # stops at the end()
+    producer.join()
+    assert "".join(pieces) == "Hello, world.\n again\n"
+    with pytest.raises(vemoproc.StreamTimeout):
+        q.next(timeout=0.01)
+    assert issubclass(vemoproc.StreamTimeout, TimeoutError)
+    q.fail(ValueError("model crashed"))
+    with pytest.raises(ValueError, match="model crashed"):
+        q.next(timeout=1)
+    q.cancel()
+    with pytest.raises(vemoproc.Cancelled):
+        q.put([0])
+    with pytest.raises(TypeError, match="error"):
+        q.fail("not an exception")

@@ -2,6 +2,9 @@ import sys
 import threading
 import time
 
+import numpy as np
+import pytest
+
 import vemoproc
 from conftest import scene
 
@@ -27,3 +30,17 @@ def test_the_gil_is_released_while_the_library_works():
     finally:
         sys.setswitchinterval(interval)
     assert longest < call / 2, (longest, call)
+
+
+def test_thread_setting_gives_identical_results():
+    image = scene(300, 400)
+    one = vemoproc.convnext.ConvNextPreprocessor(256, 0.875).process(image)
+    assert vemoproc.num_threads() == 1
+    try:
+        vemoproc.set_num_threads(4)
+        assert vemoproc.num_threads() == 4
+        assert np.array_equal(vemoproc.convnext.ConvNextPreprocessor(256, 0.875).process(image), one)
+        with pytest.raises(RuntimeError, match="n must be between 1 and 256"):
+            vemoproc.set_num_threads(vemoproc.MAX_THREADS + 1)
+    finally:
+        vemoproc.set_num_threads(1)

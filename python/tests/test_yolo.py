@@ -3,7 +3,7 @@ import pytest
 
 import vemoproc
 from vemoproc import yolo
-from conftest import scene
+from conftest import png_bytes, scene
 
 
 def test_preprocess_matches_the_tool_and_the_letterbox_arithmetic(write_png, cli):
@@ -117,3 +117,34 @@ def test_yolo_errors():
         yolo.letterbox(np.zeros((10, 10, 3), np.float32), (8, 8))
     with pytest.raises(ValueError, match="image: expected an HxW, HxWx3 or HxWx4"):
         yolo.letterbox(np.zeros((10, 10, 2), np.uint8), (8, 8))
+
+
+def test_in_memory_batches_and_geometry_postprocessing(write_png):
+    a, b = scene(48, 80), scene(60, 30, seed=3)
+    tensor, infos = yolo.preprocess_images([a, png_bytes(b)], (64, 32))
+    assert np.array_equal(tensor, yolo.preprocess([write_png(a, "a.png"), write_png(b, "b.png")],
+                                                  (64, 32)))
+    assert infos == [yolo.letterbox_info(80, 48, (64, 32)), yolo.letterbox_info(30, 60, (64, 32))]
+    info = infos[1]  # 30 x 60 into 64 x 32: scale 0.533..., a 16 x 32 block at left 24
+    assert (info.new_width, info.new_height, info.left, info.top) == (16, 32, 24, 0)
+
+    # Channel-first heads give what their row form gives; boxes map back as
+    # (net - left) / (new_width / original_width).
+    head = head_rows([(26, 4, 34, 12, 0.9, 0.1), (27, 5, 35, 13, 0.2, 0.8)])
+    rows = yolo.postprocess(head, info, as_array=True)
+    assert np.array_equal(yolo.postprocess(head.T.copy(), info, channels_first=True,
+                                           as_array=True), rows)
+    sx = np.float32(16) / np.float32(30)
+    sy = np.float32(32) / np.float32(60)
+    expected = (np.float32(26) - np.float32(24)) / sx
+    assert rows[0, 0] == expected and rows[0, 1] == np.float32(4) / sy
+    assert len(yolo.postprocess(head, info, agnostic=True)) == 1  # IoU 0.6 across classes
+    assert [d.class_id for d in yolo.postprocess(head, info, classes=[1])] == [1]
+    batch = yolo.postprocess_batch(np.stack([head, head]), [info, info], as_array=True)
+    assert len(batch) == 2 and all(np.array_equal(r, rows) for r in batch)
+    end2end = yolo.postprocess_end2end(np.array([[26, 4, 34, 12, 0.9, 1]], np.float32), info)
+    assert (end2end[0].x1, end2end[0].class_id) == (expected, 1)
+    with pytest.raises(RuntimeError, match="letterbox"):
+        yolo.postprocess_batch(np.stack([head, head]), [info], as_array=True)
+    with pytest.raises(TypeError, match="images"):
+        yolo.preprocess_images(["a.png"], (64, 32))

@@ -51,6 +51,14 @@ def set_max_image_pixels(n: int) -> None:
 def max_image_pixels() -> int:
     """The process-wide decoding budget in pixels."""
 
+MAX_THREADS: int
+
+def set_num_threads(n: int) -> None:
+    """Let library calls use up to n threads (1, the default, creates none)."""
+
+def num_threads() -> int:
+    """The current thread setting."""
+
 class _Tokenizer(Protocol):
     def decode(self, ids: list[int]) -> str: ...
 
@@ -72,3 +80,24 @@ class TextStreamer:
         """Hand over one generation step's new token ids."""
     def end(self) -> None:
         """Write the rest of the text and a line feed."""
+
+class StreamTimeout(TimeoutError):
+    """Nothing arrived from a QueueStreamer within the timeout."""
+
+class Cancelled(RuntimeError):
+    """put on a QueueStreamer after cancel()."""
+
+class QueueStreamer:
+    """Hands generated text to a consumer on another thread; iterable."""
+
+    def __init__(
+        self, tokenizer: _Tokenizer, skip_prompt: bool = True, strip_leading_space: bool = True
+    ) -> None: ...
+    def put(self, ids: Union[int, Sequence[int], npt.NDArray[np.integer]]) -> None: ...
+    def end(self) -> None: ...
+    def fail(self, error: BaseException) -> None: ...
+    def cancel(self) -> None: ...
+    def next(self, timeout: Optional[float] = None) -> Optional[str]:
+        """The next piece, or None at an end(); raises StreamTimeout after timeout seconds."""
+    def __iter__(self) -> "QueueStreamer": ...
+    def __next__(self) -> str: ...

@@ -18,6 +18,35 @@ class Detection:
         self, x1: float, y1: float, x2: float, y2: float, score: float, class_id: int
     ) -> None: ...
 
+class LetterboxInfo:
+    """What letterbox applied to one image (pixels)."""
+
+    original_width: int
+    original_height: int
+    scale: float
+    new_width: int
+    new_height: int
+    left: int
+    top: int
+    def __init__(
+        self,
+        original_width: int,
+        original_height: int,
+        scale: float,
+        new_width: int,
+        new_height: int,
+        left: int,
+        top: int,
+    ) -> None: ...
+
+def letterbox_info(
+    width: int, height: int, new_shape: Tuple[int, int] = (640, 640)
+) -> LetterboxInfo: ...
+def preprocess_images(
+    images: Sequence[Union[npt.NDArray[np.uint8], bytes]], size: Tuple[int, int] = (640, 640)
+) -> Tuple[npt.NDArray[np.float32], list[LetterboxInfo]]:
+    """Letterbox in-memory images: (float32 [N, 3, height, width], geometry per image)."""
+
 def preprocess(
     paths: Sequence[Union[str, os.PathLike]], size: Tuple[int, int] = (640, 640)
 ) -> npt.NDArray[np.float32]:
@@ -50,6 +79,39 @@ def postprocess(
     *,
     as_array: Literal[True],
 ) -> npt.NDArray[np.float32]: ...
+@overload
+def postprocess(
+    head: npt.ArrayLike,
+    letterbox: LetterboxInfo,
+    *,
+    conf_threshold: float = 0.25,
+    iou_threshold: float = 0.45,
+    max_det: int = 300,
+    agnostic: bool = False,
+    channels_first: bool = False,
+    objectness: bool = False,
+    classes: Sequence[int] = (),
+    max_candidates: int = 30000,
+    as_array: bool = False,
+) -> Union[list[Detection], npt.NDArray[np.float32]]: ...
+def postprocess_batch(
+    heads: npt.ArrayLike,
+    letterbox: Sequence[LetterboxInfo],
+    *,
+    conf_threshold: float = 0.25,
+    iou_threshold: float = 0.45,
+    max_det: int = 300,
+    agnostic: bool = False,
+    channels_first: bool = False,
+    objectness: bool = False,
+    classes: Sequence[int] = (),
+    max_candidates: int = 30000,
+    as_array: bool = False,
+) -> list[Union[list[Detection], npt.NDArray[np.float32]]]: ...
+def postprocess_end2end(
+    rows: npt.ArrayLike, letterbox: LetterboxInfo, conf_threshold: float = 0.25, *,
+    as_array: bool = False
+) -> Union[list[Detection], npt.NDArray[np.float32]]: ...
 def draw_detections(
     image: npt.NDArray[np.uint8],
     detections: Union[Sequence[Detection], npt.NDArray[np.float32]],
