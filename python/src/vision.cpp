@@ -93,6 +93,16 @@ factor when it is 0.)");
       py::arg("image"), py::arg("new_height"), py::arg("new_width"),
       "Resample a uint8 HxWx3 RGB image to [new_height, new_width, 3] with Catmull-Rom.");
 
+  qw.def("sample_frame_indices", &qwen2vl::sample_frame_indices, py::arg("total_frames"),
+         py::arg("video_fps"), py::arg("target_fps"), py::arg("min_frames"), py::arg("max_frames"),
+         py::arg("temporal_patch_size") = 2,
+         R"(Indices of the decoded frames to pass to preprocess_video: about
+total_frames / video_fps * target_fps of them, clamped to
+[min_frames, min(max_frames, total_frames)], whole temporal groups, evenly
+spaced from 0.
+
+Raises RuntimeError naming the argument for non-positive counts or rates.)");
+
   py::class_<qwen2vl::Qwen2VLImageProcessor>(qw, "Qwen2VLImageProcessor")
       .def(py::init<bool, long long, long long, bool, float, bool, std::vector<float>,
                     std::vector<float>, size_t, size_t, size_t>(),
@@ -141,6 +151,27 @@ and uint64 [images, 3] rows of (grid_t, grid_h, grid_w).
 
 Raises RuntimeError for a file that cannot be decoded or invalid settings,
 ValueError when the patch matrix would not fit in memory.)")
+      .def(
+          "preprocess_video",
+          [](qwen2vl::Qwen2VLImageProcessor& self, py::handle frames) {
+            ImageBatch batch = image_batch(frames, "frames");
+            qwen2vl::Qwen2VLImageOutput out;
+            {
+              py::gil_scoped_release nogil;
+              out = self.preprocess_video(batch.views);
+            }
+            return qwen_output(std::move(out));
+          },
+          py::arg("frames"),
+          R"(Patch rows and grid of one video.
+
+frames: a list of same-size uint8 arrays (HxWx3, HxWx4 or HxW) or encoded
+bytes, in time order. Each frame is resized as a still image of its size; the
+count is padded with the last frame to whole temporal groups. Returns
+(patches, grid_thw) with grid_thw [[groups, grid_h, grid_w]].
+
+Raises RuntimeError for no frames, frames of different sizes or invalid
+settings.)")
       .def_property(
           "image_mean",
           [](const qwen2vl::Qwen2VLImageProcessor& s) {

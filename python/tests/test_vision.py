@@ -88,6 +88,22 @@ def test_qwen2vl_patch_order_matches_numpy_reshape():
     assert np.array_equal(one, rows_a)
 
 
+def test_qwen2vl_video_groups_frames_along_time_like_numpy():
+    a, b, c = (scene(56, 84, seed=s) for s in (11, 12, 13))
+    proc = qwen2vl.Qwen2VLImageProcessor(do_resize=False)
+    patches, grid = proc.preprocess_video([a, b, c])
+    # Three frames pad to four with the last one; two temporal groups.
+    x = np.stack([normalise(f, qwen2vl.DEFAULT_IMAGE_MEAN, qwen2vl.DEFAULT_IMAGE_STD)
+                  for f in (a, b, c, c)])
+    t, ch, h, w = x.shape
+    p = x.reshape(2, 2, ch, h // 28, 2, 14, w // 28, 2, 14).transpose(0, 3, 6, 4, 7, 2, 1, 5, 8)
+    assert np.array_equal(patches, p.reshape(2 * (h // 14) * (w // 14), ch * 2 * 14 * 14))
+    assert grid.tolist() == [[2, h // 14, w // 14]]
+    assert qwen2vl.sample_frame_indices(300, 30.0, 2.0, 4, 768) == list(range(0, 300, 15))
+    with pytest.raises(RuntimeError, match="same size"):
+        proc.preprocess_video([a, scene(28, 28, seed=1)])
+
+
 def test_qwen2vl_paths_arrays_and_bytes_match_the_tool(write_png, cli):
     img = scene(45, 70, seed=8)
     path = write_png(img)

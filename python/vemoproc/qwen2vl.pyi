@@ -26,6 +26,16 @@ def resize_image(
 
 _Image = Union[npt.NDArray[np.uint8], BytesLike]
 
+def sample_frame_indices(
+    total_frames: int,
+    video_fps: float,
+    target_fps: float,
+    min_frames: int,
+    max_frames: int,
+    temporal_patch_size: int = 2,
+) -> list[int]:
+    """Evenly spaced frame indices, whole temporal groups."""
+
 class Qwen2VLImageProcessor:
     do_resize: bool
     min_pixels: int
@@ -56,3 +66,7 @@ class Qwen2VLImageProcessor:
         self, x: Union[str, os.PathLike, _Image, Sequence[_Image]]
     ) -> Tuple[npt.NDArray[np.float32], npt.NDArray[np.uint64]]:
         """(patches float32 [P, 3*T*p*p], grid_thw uint64 [images, 3])."""
+    def preprocess_video(
+        self, frames: Sequence[_Image]
+    ) -> Tuple[npt.NDArray[np.float32], npt.NDArray[np.uint64]]:
+        """(patches float32 [groups*h*w, 3*T*p*p], grid_thw uint64 [[groups, h, w]])."""
