@@ -8,6 +8,7 @@
 # installed Python package is imported by that interpreter too.
 set -euo pipefail
 build_dir=$1 src_dir=$2 work=$3 mode=${4:-install}
+trap 'echo "check.sh ($mode): failed at line $LINENO: $BASH_COMMAND" >&2' ERR
 rm -rf "$work"
 mkdir -p "$work"
 case $mode in
