@@ -88,4 +88,13 @@ VEMOPROC_API Image to_rgb(const YuvView& frame, Rotation rotation = Rotation::No
 VEMOPROC_API void set_max_image_pixels(uint64_t pixels);
 VEMOPROC_API uint64_t max_image_pixels();
 
+// Which pipeline a family's processing call follows, chosen explicitly by the
+// caller where a family offers both (each header says how):
+// - Native: the library's own pipeline (stb decoding and resampling), the
+//   default everywhere and unchanged;
+// - MatchPython: the tensors of the Python pipeline the family's models were
+//   trained with, bit for bit (OpenCV-style decoding and letterbox for
+//   detection, Pillow-based Hugging Face processors for the vision encoders).
+enum class Pipeline { Native, MatchPython };
+
 }  // namespace vemoproc

@@ -41,6 +41,23 @@ VEMOPROC_API extern const std::vector<float>
 VEMOPROC_API std::pair<int, int> smart_resize(int height, int width, int factor, int min_pixels,
                                               int max_pixels);
 
+// The size rule of the Python (Hugging Face) Qwen2-VL processor, next to the
+// library's own above, in double precision as Python computes it: each side
+// rounded to a multiple of factor with halves to even; when the product
+// exceeds max_pixels, beta = sqrt(height * width / max_pixels) and each side
+// becomes floor(side / beta / factor) * factor (the original sides, not the
+// rounded ones); when it is below min_pixels, beta =
+// sqrt(min_pixels / (height * width)) and each side becomes
+// ceil(side * beta / factor) * factor. 1600x1200 -> (840, 1148) with the
+// default budget. Throws std::runtime_error
+// "smart_resize_match_python: height H and width W must be at least factor F"
+// for a side below factor, "Absolute aspect ratio must be smaller than 200"
+// when max(h, w) / min(h, w) (a true quotient) is above 200, and a message
+// naming `factor` or `max_pixels` when it is not positive.
+VEMOPROC_API std::pair<int, int> smart_resize_match_python(int height, int width, int factor,
+                                                           long long min_pixels,
+                                                           long long max_pixels);
+
 // Resamples an [H, W, 3] RGB image to [new_height, new_width, 3] with
 // Catmull-Rom and clamped edges. A resampler failure (e.g. an empty input)
 // leaves the result black. Only the first H * W * 3 bytes are read: the
@@ -119,6 +136,22 @@ class VEMOPROC_API Qwen2VLImageProcessor {
   // std::runtime_error naming `frames` when it is empty or the sizes differ,
   // and whatever the still-image form throws.
   Qwen2VLImageOutput preprocess_video(const std::vector<vemoproc::ImageView>& frames);
+
+  // The calls above with a choice of pipeline: Native is the call without
+  // it; MatchPython gives the rows of the Python (Hugging Face) processor bit
+  // for bit: files decoded by vemoproc::Decoder::Reference (EXIF applied),
+  // smart_resize_match_python, a Pillow bicubic resize
+  // (vemoproc::Resample::PillowBicubic, skipped when the size does not
+  // change), rescale as float(double(byte) * s) with s = 1 / 255 in double
+  // when rescale_factor is 1 / 255.0f (otherwise double(rescale_factor)),
+  // then (v - mean[c]) / std[c] in float, in the same patch order.
+  // grid_thw holds the values of the Python processor's int64 image_grid_thw.
+  // Throws as the Native calls, and what smart_resize_match_python throws.
+  Qwen2VLImageOutput preprocess(const std::string& image_path, vemoproc::Pipeline pipeline);
+  Qwen2VLImageOutput preprocess(const std::vector<vemoproc::ImageView>& images,
+                                vemoproc::Pipeline pipeline);
+  Qwen2VLImageOutput preprocess_video(const std::vector<vemoproc::ImageView>& frames,
+                                      vemoproc::Pipeline pipeline);
 
   // One image: optional smart_resize + resize_image (factor = patch_size *
   // merge_size, budgets narrowed to int by wrapping), value -> float,

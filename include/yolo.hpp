@@ -129,6 +129,12 @@ struct PostprocessOptions {
   // When more candidates pass the threshold, only this many with the highest
   // scores go to NMS, bounding its cost (0 keeps none).
   size_t max_candidates = 30000;
+  // How boxes map back to the original image. Native: the exact inverse
+  // described below. MatchPython: the rule of the Python detection pipeline,
+  // x = (x_net - left) / scale in float (scale = the letterbox's float gain),
+  // y likewise with top, then clipped the same way; use it with the geometry
+  // of the MatchPython letterbox.
+  vemoproc::Pipeline box_mapping = vemoproc::Pipeline::Native;
 };
 
 // Decodes one image's head with the geometry that letterbox applied to it
@@ -159,6 +165,63 @@ VEMOPROC_API std::vector<std::vector<Detection>> postprocess_batch(
 VEMOPROC_API std::vector<Detection> postprocess_end2end(const xt::xtensor<float, 2>& rows,
                                                         const LetterboxInfo& letterbox,
                                                         float conf_threshold);
+
+// ---------------------------------------------------------------------------
+// The Python detection pipeline, bit for bit
+//
+// Each call below takes a vemoproc::Pipeline as its last argument: Native
+// gives the library's own letterbox (as the calls above), MatchPython the
+// letterbox of the common OpenCV-based Python pipeline for exported models:
+// decoding as cv2.imread (vemoproc::Decoder::Reference, EXIF applied),
+// r = min(H / height, W / width) in double, block sides round(side * r) with
+// halves to even, a resize (vemoproc::Resample::OpenCVLinear) only when the
+// size changes, top = round(dh - 0.1), bottom = round(dh + 0.1) with
+// dh = (H - new_height) / 2 (left and right likewise), grey 114, then RGB
+// planes of sample / 255.0f (a division). The geometry it returns has
+// scale = float(r); map boxes back with PostprocessOptions::box_mapping =
+// MatchPython (or the postprocess_end2end overload below).
+// ---------------------------------------------------------------------------
+
+// The geometry of either letterbox. Throws std::runtime_error naming the
+// argument for a width or height below 1 or a negative new_shape, and, for
+// MatchPython, for a new_shape side of 0.
+VEMOPROC_API LetterboxInfo letterbox_info(int width, int height,
+                                          const std::array<int, 2>& new_shape,
+                                          vemoproc::Pipeline pipeline);
+
+// preprocess_images with a choice of pipeline. MatchPython reads views of any
+// format in place (BGR, the usual OpenCV frame, is resized as it is and
+// swapped to RGB once, while packing; alpha is dropped; grey is repeated).
+// Throws std::runtime_error naming images[i] for a view that cannot be read
+// or that scales to an empty block, and naming new_shape as letterbox_info.
+VEMOPROC_API DetectionBatch preprocess_images(const std::vector<vemoproc::ImageView>& images,
+                                              const std::array<int, 2>& new_shape,
+                                              vemoproc::Pipeline pipeline);
+
+// Files given by path, decoded one per thread (vemoproc::Decoder::Stb for
+// Native, Reference for MatchPython) and letterboxed as above, with their
+// geometry. Decoding errors propagate (vemoproc::decode_image_file).
+VEMOPROC_API DetectionBatch preprocess(const std::vector<std::string>& paths,
+                                       const std::array<int, 2>& new_shape,
+                                       vemoproc::Pipeline pipeline);
+
+// An encoded image already in memory (not owned).
+struct EncodedImage {
+  const uint8_t* data;
+  size_t size;
+};
+
+// The same for encoded images in memory (vemoproc::decode_image).
+VEMOPROC_API DetectionBatch preprocess_encoded(const std::vector<EncodedImage>& images,
+                                               const std::array<int, 2>& new_shape,
+                                               vemoproc::Pipeline pipeline);
+
+// postprocess_end2end with a choice of box mapping (see
+// PostprocessOptions::box_mapping).
+VEMOPROC_API std::vector<Detection> postprocess_end2end(const xt::xtensor<float, 2>& rows,
+                                                        const LetterboxInfo& letterbox,
+                                                        float conf_threshold,
+                                                        vemoproc::Pipeline box_mapping);
 
 // Paints each detection into `image` in place: a class-coloured outline
 // `thickness` pixels wide, a label bar above the box and the label (class name,

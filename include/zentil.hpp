@@ -40,6 +40,17 @@ class VEMOPROC_API ZentilPreprocessor {
   // process(path). Throws as above, and std::runtime_error naming the
   // argument for a view that cannot be read.
   xt::xarray<float> process(const vemoproc::ImageView& image);
+
+  // The calls above with a choice of pipeline: Native is the call without
+  // it; MatchPython gives the Python (Hugging Face) SigLIP processor's
+  // tensor bit for bit: files decoded by vemoproc::Decoder::Reference (EXIF
+  // applied), a Pillow bicubic resize to size x size (skipped when the size
+  // does not change), float(double(byte) / 255), then (x - mean[c]) / std[c]
+  // in float. [1, 3, size, size]; size 0 gives an empty tensor. Throws as
+  // the Native calls (decoding errors propagate from
+  // vemoproc::decode_image_file).
+  xt::xarray<float> process(const std::string& image_path, vemoproc::Pipeline pipeline);
+  xt::xarray<float> process(const vemoproc::ImageView& image, vemoproc::Pipeline pipeline);
 };
 
 }  // namespace zentil

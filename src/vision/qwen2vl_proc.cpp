@@ -23,6 +23,7 @@
 
 #include "../pixels/image_io.hpp"
 #include "../pixels/parallel.hpp"
+#include "python_steps.hpp"
 
 namespace qwen2vl {
 
@@ -256,17 +257,24 @@ size_t row_length(const Qwen2VLImageProcessor& p) {
 
 // Target size and patch grid of one image; throws everything the image would
 // throw before any work is done on it.
-ImagePlan plan_image(const Qwen2VLImageProcessor& p, const Pixels& image) {
+ImagePlan plan_image(const Qwen2VLImageProcessor& p, const Pixels& image,
+                     vemoproc::Pipeline pipeline) {
   ImagePlan plan;
   plan.height = image.height;
   plan.width = image.width;
   size_t channels = image.channels;
   if (p.do_resize) {
     const int factor = wrapping_int(p.patch_size * p.merge_size);
-    const auto [h, w] = smart_resize(wrapping_int(plan.height), wrapping_int(plan.width), factor,
-                                     wrapping_int(p.min_pixels), wrapping_int(p.max_pixels));
+    const auto [h, w] =
+        pipeline == vemoproc::Pipeline::MatchPython
+            ? smart_resize_match_python(wrapping_int(plan.height), wrapping_int(plan.width), factor,
+                                        p.min_pixels, p.max_pixels)
+            : smart_resize(wrapping_int(plan.height), wrapping_int(plan.width), factor,
+                           wrapping_int(p.min_pixels), wrapping_int(p.max_pixels));
     check_resize_arguments(image, h, w);
-    plan.resize = true;
+    // The Python processor leaves an image of the target size as it is.
+    plan.resize = pipeline == vemoproc::Pipeline::Native || static_cast<size_t>(h) != plan.height ||
+                  static_cast<size_t>(w) != plan.width;
     plan.height = static_cast<size_t>(h);
     plan.width = static_cast<size_t>(w);
     channels = 3;
@@ -287,12 +295,21 @@ ImagePlan plan_image(const Qwen2VLImageProcessor& p, const Pixels& image) {
 // Each byte value of each channel after value -> float, * rescale_factor,
 // (v - mean[c]) / std[c]: the float operations of the elementwise pipeline.
 // Statistics of length 1 serve every channel.
-ValueTable value_table(const Qwen2VLImageProcessor& p) {
+// MatchPython rescales as numpy does, float(double(v) * factor), with Python's
+// double 1 / 255 for the float one.
+ValueTable value_table(const Qwen2VLImageProcessor& p, vemoproc::Pipeline pipeline) {
+  const double python_factor = p.rescale_factor == 1.0f / 255.0f
+                                   ? vemoproc::detail::kPythonRescale
+                                   : static_cast<double>(p.rescale_factor);
   ValueTable table{};
   for (size_t c = 0; c < 3; ++c) {
     for (int v = 0; v < 256; ++v) {
       float x = static_cast<float>(v);
-      if (p.do_rescale) x = x * p.rescale_factor;
+      if (p.do_rescale && pipeline == vemoproc::Pipeline::MatchPython) {
+        x = static_cast<float>(v * python_factor);
+      } else if (p.do_rescale) {
+        x = x * p.rescale_factor;
+      }
       if (p.do_normalize) {
         const size_t mc = p.image_mean.size() == 1 ? 0 : c;
         const size_t sc = p.image_std.size() == 1 ? 0 : c;
@@ -351,10 +368,36 @@ float* write_patch_rows(const Qwen2VLImageProcessor& p, const ValueTable& table,
   return out;
 }
 
+// One image's pixels at the planned size: the library's resampler (Native)
+// or Pillow bicubic (MatchPython), rows width * 3 bytes apart.
+struct PlannedPixels {
+  xt::xtensor<uint8_t, 3> native;
+  vemoproc::Image python;
+  const uint8_t* data = nullptr;
+};
+
+PlannedPixels resize_planned(const Pixels& image, const ImagePlan& plan,
+                             vemoproc::Pipeline pipeline) {
+  PlannedPixels out;
+  const int h = static_cast<int>(plan.height);
+  const int w = static_cast<int>(plan.width);
+  if (pipeline == vemoproc::Pipeline::MatchPython) {
+    const vemoproc::ImageView view{image.data, static_cast<int>(image.width),
+                                   static_cast<int>(image.height), image.stride,
+                                   vemoproc::PixelFormat::RGB};
+    out.python = vemoproc::resize(view, w, h, vemoproc::Resample::PillowBicubic);
+    out.data = out.python.rgb.data();
+  } else {
+    out.native = resize_pixels(image, h, w);
+    out.data = out.native.data();
+  }
+  return out;
+}
+
 // The batch: every image planned (and checked) first, then all rows written
 // into one allocation, in input order.
-Qwen2VLImageOutput process_images(const Qwen2VLImageProcessor& p,
-                                  const std::vector<Pixels>& images) {
+Qwen2VLImageOutput process_images(const Qwen2VLImageProcessor& p, const std::vector<Pixels>& images,
+                                  vemoproc::Pipeline pipeline = vemoproc::Pipeline::Native) {
   check_arguments(p);
   const size_t count = images.size();
   std::vector<ImagePlan> plans;
@@ -363,7 +406,7 @@ Qwen2VLImageOutput process_images(const Qwen2VLImageProcessor& p,
   first_row.reserve(count);
   size_t total_rows = 0;
   for (const Pixels& image : images) {
-    plans.push_back(plan_image(p, image));
+    plans.push_back(plan_image(p, image, pipeline));
     first_row.push_back(total_rows);
     total_rows = checked_add(total_rows, checked_mul(plans.back().grid_h, plans.back().grid_w));
   }
@@ -373,18 +416,15 @@ Qwen2VLImageOutput process_images(const Qwen2VLImageProcessor& p,
   Qwen2VLImageOutput result;
   result.patches = xt::xarray<float>::from_shape({total_rows, row_len});
   result.grid_thw = xt::xarray<size_t>::from_shape({count, size_t{3}});
-  const ValueTable table = value_table(p);
+  const ValueTable table = value_table(p, pipeline);
   // One image per thread (vemoproc::set_num_threads), each into its own rows.
   vemoproc::detail::parallel_for_each_item(count, [&](size_t i) {
     const ImagePlan& plan = plans[i];
-    xt::xtensor<uint8_t, 3> resized;
-    if (plan.resize) {
-      resized =
-          resize_pixels(images[i], static_cast<int>(plan.height), static_cast<int>(plan.width));
-    }
+    PlannedPixels resized;
+    if (plan.resize) resized = resize_planned(images[i], plan, pipeline);
     // The still image repeated over the temporal depth.
     const std::vector<const uint8_t*> frames(p.temporal_patch_size,
-                                             plan.resize ? resized.data() : images[i].data);
+                                             plan.resize ? resized.data : images[i].data);
     write_patch_rows(p, table, frames.data(), plan.resize ? plan.width * 3 : images[i].stride, plan,
                      result.patches.data() + first_row[i] * row_len);
     // grid_t: the tiled depth divided by temporal_patch_size, always 1.
@@ -398,8 +438,8 @@ Qwen2VLImageOutput process_images(const Qwen2VLImageProcessor& p,
 // One video: every frame planned like a still image of its size (all frames
 // share one size), resized the same way, the count padded with the last frame
 // to whole temporal groups; rows run over the groups, then the blocks.
-Qwen2VLImageOutput process_video(const Qwen2VLImageProcessor& p,
-                                 const std::vector<Pixels>& frames) {
+Qwen2VLImageOutput process_video(const Qwen2VLImageProcessor& p, const std::vector<Pixels>& frames,
+                                 vemoproc::Pipeline pipeline = vemoproc::Pipeline::Native) {
   check_arguments(p);
   if (frames.empty()) throw std::runtime_error("preprocess_video: frames must not be empty");
   for (const Pixels& f : frames) {
@@ -407,28 +447,27 @@ Qwen2VLImageOutput process_video(const Qwen2VLImageProcessor& p,
       throw std::runtime_error("preprocess_video: frames must all have the same size");
     }
   }
-  const ImagePlan plan = plan_image(p, frames[0]);
+  const ImagePlan plan = plan_image(p, frames[0], pipeline);
   const size_t depth = p.temporal_patch_size;
   const size_t groups = checked_add(frames.size(), depth - 1) / depth;
   const size_t rows = checked_mul(groups, checked_mul(plan.grid_h, plan.grid_w));
   const size_t row_len = row_length(p);
   checked_mul(rows, row_len);
 
-  std::vector<xt::xtensor<uint8_t, 3>> resized(plan.resize ? frames.size() : 0);
+  std::vector<PlannedPixels> resized(plan.resize ? frames.size() : 0);
   std::vector<const uint8_t*> pixels(groups * depth);
   for (size_t i = 0; i < pixels.size(); ++i) {
     const size_t f = std::min(i, frames.size() - 1);  // padding repeats the last frame
-    if (plan.resize && resized[f].size() == 0) {
-      resized[f] =
-          resize_pixels(frames[f], static_cast<int>(plan.height), static_cast<int>(plan.width));
+    if (plan.resize && resized[f].data == nullptr) {
+      resized[f] = resize_planned(frames[f], plan, pipeline);
     }
-    pixels[i] = plan.resize ? resized[f].data() : frames[f].data;
+    pixels[i] = plan.resize ? resized[f].data : frames[f].data;
   }
   const size_t stride = plan.resize ? plan.width * 3 : frames[0].stride;
 
   Qwen2VLImageOutput result;
   result.patches = xt::xarray<float>::from_shape({rows, row_len});
-  const ValueTable table = value_table(p);
+  const ValueTable table = value_table(p, pipeline);
   float* out = result.patches.data();
   for (size_t g = 0; g < groups; ++g) {
     out = write_patch_rows(p, table, pixels.data() + g * depth, stride, plan, out);
@@ -530,6 +569,47 @@ Qwen2VLImageOutput Qwen2VLImageProcessor::preprocess_video(
 Qwen2VLImageOutput Qwen2VLImageProcessor::_preprocess_single_image(
     const xt::xtensor<uint8_t, 3>& image) {
   return process_images(*this, {pixels_of(image)});
+}
+
+// ---------------------------------------------------------------------------
+// The same with a choice of pipeline
+// ---------------------------------------------------------------------------
+
+namespace {
+
+// Views as the processor reads them (RGB borrowed, other formats converted).
+struct ViewPixels {
+  std::vector<vemoproc::detail::RgbSource> sources;
+  std::vector<Pixels> pixels;
+
+  explicit ViewPixels(const std::vector<vemoproc::ImageView>& views) {
+    sources.reserve(views.size());
+    pixels.reserve(views.size());
+    for (const vemoproc::ImageView& view : views)
+      pixels.push_back(pixels_of(sources.emplace_back(view)));
+  }
+};
+
+}  // namespace
+
+Qwen2VLImageOutput Qwen2VLImageProcessor::preprocess(const std::string& image_path,
+                                                     vemoproc::Pipeline pipeline) {
+  if (pipeline == vemoproc::Pipeline::Native) return preprocess(image_path);
+  const vemoproc::Image image = vemoproc::detail::load_image_python(image_path);
+  return preprocess(std::vector<vemoproc::ImageView>{image.view()}, pipeline);
+}
+
+Qwen2VLImageOutput Qwen2VLImageProcessor::preprocess(const std::vector<vemoproc::ImageView>& images,
+                                                     vemoproc::Pipeline pipeline) {
+  if (images.empty()) return Qwen2VLImageOutput{};
+  const ViewPixels views(images);
+  return process_images(*this, views.pixels, pipeline);
+}
+
+Qwen2VLImageOutput Qwen2VLImageProcessor::preprocess_video(
+    const std::vector<vemoproc::ImageView>& frames, vemoproc::Pipeline pipeline) {
+  const ViewPixels views(frames);
+  return process_video(*this, views.pixels, pipeline);
 }
 
 }  // namespace qwen2vl

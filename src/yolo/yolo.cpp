@@ -17,6 +17,7 @@
 #include "../pixels/image_io.hpp"
 #include "../pixels/parallel.hpp"
 
+#include "box_mapping.hpp"
 #include "pack.hpp"
 
 namespace yolo {
@@ -608,21 +609,10 @@ std::vector<T> nms(std::vector<T> table, T conf_threshold, T iou_threshold, size
   return kept;
 }
 
-// The exact inverse of a letterbox on one network coordinate, in float,
-// clipped to [0, original side].
-float unletterbox(float v, int offset, int new_side, int original_side) {
-  const float scale = static_cast<float>(new_side) / static_cast<float>(original_side);
-  const float mapped = (v - static_cast<float>(offset)) / scale;
-  return std::min(std::max(mapped, 0.0f), static_cast<float>(original_side));
-}
-
-Detection unletterbox(const float* row, const LetterboxInfo& g) {
-  return {unletterbox(row[0], g.left, g.new_width, g.original_width),
-          unletterbox(row[1], g.top, g.new_height, g.original_height),
-          unletterbox(row[2], g.left, g.new_width, g.original_width),
-          unletterbox(row[3], g.top, g.new_height, g.original_height),
-          row[4],
-          saturating_int(row[5])};
+Detection unletterbox(const float* row, const LetterboxInfo& g, vemoproc::Pipeline rule) {
+  float box[4] = {row[0], row[1], row[2], row[3]};
+  internal::map_box(box, g, rule);
+  return {box[0], box[1], box[2], box[3], row[4], saturating_int(row[5])};
 }
 
 // Undoing a letterbox divides by its sizes.
@@ -657,7 +647,7 @@ std::vector<Detection> detect(const HeadView& head, const LetterboxInfo& letterb
   std::vector<Detection> detections;
   detections.reserve(table.size() / kCols);
   for (size_t k = 0; k < table.size(); k += kCols) {
-    detections.push_back(unletterbox(table.data() + k, letterbox));
+    detections.push_back(unletterbox(table.data() + k, letterbox, options.box_mapping));
   }
   return detections;
 }
@@ -750,6 +740,12 @@ std::vector<std::vector<Detection>> postprocess_batch(const xt::xtensor<float, 3
 
 std::vector<Detection> postprocess_end2end(const xt::xtensor<float, 2>& rows,
                                            const LetterboxInfo& letterbox, float conf_threshold) {
+  return postprocess_end2end(rows, letterbox, conf_threshold, vemoproc::Pipeline::Native);
+}
+
+std::vector<Detection> postprocess_end2end(const xt::xtensor<float, 2>& rows,
+                                           const LetterboxInfo& letterbox, float conf_threshold,
+                                           vemoproc::Pipeline box_mapping) {
   const size_t n = rows.shape(0);
   const size_t c = rows.shape(1);
   if (c < kCols) {
@@ -760,7 +756,7 @@ std::vector<Detection> postprocess_end2end(const xt::xtensor<float, 2>& rows,
   std::vector<Detection> detections;
   for (size_t i = 0; i < n; ++i) {
     const float* row = rows.data() + i * c;
-    if (row[4] > conf_threshold) detections.push_back(unletterbox(row, letterbox));
+    if (row[4] > conf_threshold) detections.push_back(unletterbox(row, letterbox, box_mapping));
   }
   return detections;
 }
