@@ -69,8 +69,8 @@ RawLayout parse_raw(const std::string& text) {
   if (format == "nv12" || format == "nv21" || format == "i420") {
     frame.yuv = true;
     frame.layout = format == "nv12"   ? YuvLayout::NV12
-                  : format == "nv21" ? YuvLayout::NV21
-                                     : YuvLayout::I420;
+                   : format == "nv21" ? YuvLayout::NV21
+                                      : YuvLayout::I420;
     frame.range = is_full ? vemoproc::YuvRange::Full : vemoproc::YuvRange::Video;
     return frame;
   }
@@ -93,11 +93,18 @@ RawLayout parse_raw(const std::string& text) {
 }  // namespace
 
 vemoproc::Image read_image(const std::string& arg, const std::string& raw) {
+  return read_image(arg, raw, vemoproc::Decoder::Stb);
+}
+
+vemoproc::Image read_image(const std::string& arg, const std::string& raw,
+                           vemoproc::Decoder decoder) {
   const std::string name = arg == "-" ? "standard input" : arg;
   if (raw.empty()) {
     const std::vector<uint8_t> bytes = read_source(arg);
     try {
-      return vemoproc::decode_image(bytes.data(), bytes.size());
+      return decoder == vemoproc::Decoder::Stb
+                 ? vemoproc::decode_image(bytes.data(), bytes.size())
+                 : vemoproc::decode_image(bytes.data(), bytes.size(), decoder);
     } catch (const std::runtime_error& e) {
       throw std::runtime_error(name + ": " + e.what());
     }

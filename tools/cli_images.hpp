@@ -24,6 +24,21 @@ inline bool needs_reading(const std::string& arg, const std::string& raw) {
 // file of the wrong size, or bytes that do not decode.
 vemoproc::Image read_image(const std::string& arg, const std::string& raw);
 
+// read_image with a choice of decoder for encoded bytes (raw frames are not
+// decoded): vemoproc::Decoder::Reference for the --match-python forms.
+vemoproc::Image read_image(const std::string& arg, const std::string& raw,
+                           vemoproc::Decoder decoder);
+
+// Registers the --match-python flag's help text in one place.
+constexpr const char* kMatchPythonHelp =
+    "Give the Python pipeline's tensor bit for bit (OpenCV-style letterbox for yolo, the Hugging "
+    "Face processor for the vision families), decoding files as the Python loaders do";
+
+// The pipeline the --match-python flag selects.
+inline vemoproc::Pipeline pipeline_of(bool match_python) {
+  return match_python ? vemoproc::Pipeline::MatchPython : vemoproc::Pipeline::Native;
+}
+
 // Refuses more than one "-" among the image arguments (standard input can be
 // read once).
 void check_stdin_once(const std::vector<std::string>& args);

@@ -22,7 +22,16 @@ constexpr const char* kImageHelp =
 // path entry point (its own messages), standard input and raw frames through
 // the view entry point.
 template <class Pre>
-xt::xarray<float> process_arg(Pre& pre, const std::string& image, const std::string& raw) {
+xt::xarray<float> process_arg(Pre& pre, const std::string& image, const std::string& raw,
+                              bool match_python) {
+  if (match_python) {
+    const vemoproc::Pipeline python = vemoproc::Pipeline::MatchPython;
+    if (cli::needs_reading(image, raw)) {
+      return pre.process(cli::read_image(image, raw, vemoproc::Decoder::Reference).view(), python);
+    }
+    cli::require_file(image);
+    return pre.process(image, python);
+  }
   if (cli::needs_reading(image, raw)) return pre.process(cli::read_image(image, raw).view());
   cli::require_file(image);
   return pre.process(image);
@@ -34,6 +43,8 @@ struct ConvNextArgs {
   int size = 224;
   float crop_pct = 0.875f;
   std::string output;
+  bool match_python = false;
+  bool bilinear = false;
 };
 
 struct ZentilArgs {
@@ -41,6 +52,7 @@ struct ZentilArgs {
   std::string raw;
   int size = 224;
   std::string output;
+  bool match_python = false;
 };
 
 // Published Qwen2-VL budget: 56 * 56 to 28 * 28 * 1280 pixels.
@@ -53,6 +65,7 @@ struct Qwen2VLArgs {
   size_t temporal_patch_size = 2;
   size_t merge_size = 2;
   std::string output;
+  bool match_python = false;
 };
 
 void add_convnext(CLI::App& app) {
@@ -68,10 +81,14 @@ void add_convnext(CLI::App& app) {
       ->check(cli::finite_float())
       ->capture_default_str();
   cmd->add_option("-o,--output", args->output, "Output .npy file")->required();
+  cmd->add_flag("--match-python", args->match_python, cli::kMatchPythonHelp);
+  cmd->add_flag("--bilinear", args->bilinear,
+                "With --match-python: Pillow bilinear instead of bicubic");
   cmd->callback([args] {
     cli::check_pixels(args->size, args->size, "--size");
     convnext::ConvNextPreprocessor pre(args->size, args->crop_pct);
-    cli::write_npy(args->output, process_arg(pre, args->image, args->raw));
+    if (args->bilinear) pre.resample = vemoproc::Resample::PillowBilinear;
+    cli::write_npy(args->output, process_arg(pre, args->image, args->raw, args->match_python));
     std::cout << args->output << ": [3, " << args->size << ", " << args->size << "]\n";
   });
 }
@@ -86,10 +103,11 @@ void add_zentil(CLI::App& app) {
       ->check(cli::integer_in(1, std::numeric_limits<int>::max()))
       ->capture_default_str();
   cmd->add_option("-o,--output", args->output, "Output .npy file")->required();
+  cmd->add_flag("--match-python", args->match_python, cli::kMatchPythonHelp);
   cmd->callback([args] {
     cli::check_pixels(args->size, args->size, "--size");
     zentil::ZentilPreprocessor pre(args->size);
-    cli::write_npy(args->output, process_arg(pre, args->image, args->raw));
+    cli::write_npy(args->output, process_arg(pre, args->image, args->raw, args->match_python));
     std::cout << args->output << ": [1, 3, " << args->size << ", " << args->size << "]\n";
   });
 }
@@ -121,6 +139,7 @@ void add_qwen2vl(CLI::App& app) {
       ->check(cli::unsigned_in(1, 1 << 16))
       ->capture_default_str();
   cmd->add_option("-o,--output", args->output, "Output .npy file of patch rows")->required();
+  cmd->add_flag("--match-python", args->match_python, cli::kMatchPythonHelp);
   cmd->callback([args] {
     if (args->patch_size * args->merge_size > static_cast<size_t>(kIntMax)) {
       throw std::runtime_error("--patch-size " + std::to_string(args->patch_size) +
@@ -138,7 +157,13 @@ void add_qwen2vl(CLI::App& app) {
     decoded.reserve(args->images.size());
     std::vector<vemoproc::ImageView> views;
     for (const std::string& path : args->images) {
-      if (cli::needs_reading(path, args->raw)) {
+      if (args->match_python) {
+        // The Python loader's pixels, also for files.
+        if (!cli::needs_reading(path, args->raw)) cli::require_file(path);
+        decoded.push_back(cli::needs_reading(path, args->raw)
+                              ? cli::read_image(path, args->raw, vemoproc::Decoder::Reference)
+                              : vemoproc::decode_image_file(path, vemoproc::Decoder::Reference));
+      } else if (cli::needs_reading(path, args->raw)) {
         decoded.push_back(cli::read_image(path, args->raw));
       } else {
         cli::require_file(path);
@@ -152,7 +177,8 @@ void add_qwen2vl(CLI::App& app) {
                                         1.0f / 255.0f, true, qwen2vl::kDefaultImageMean,
                                         qwen2vl::kDefaultImageStd, args->patch_size,
                                         args->temporal_patch_size, args->merge_size);
-    const qwen2vl::Qwen2VLImageOutput out = proc.preprocess(views);
+    const qwen2vl::Qwen2VLImageOutput out =
+        proc.preprocess(views, cli::pipeline_of(args->match_python));
     cli::write_npy(args->output, out.patches);
     for (size_t i = 0; i < args->images.size(); ++i) {
       const size_t t = out.grid_thw(i, 0), h = out.grid_thw(i, 1), w = out.grid_thw(i, 2);

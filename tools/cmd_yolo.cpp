@@ -113,6 +113,16 @@ yolo::RawImage raw_image(const std::string& arg, const std::string& raw) {
   return yolo::RawImage(arg);
 }
 
+// The same with the Python loader's pixels (EXIF applied) when match_python.
+yolo::RawImage raw_image(const std::string& arg, const std::string& raw, bool match_python) {
+  if (!match_python) return raw_image(arg, raw);
+  if (cli::needs_reading(arg, raw)) {
+    return yolo::RawImage(cli::read_image(arg, raw, vemoproc::Decoder::Reference).view());
+  }
+  cli::require_file(arg);
+  return yolo::RawImage(vemoproc::decode_image_file(arg, vemoproc::Decoder::Reference).view());
+}
+
 // --- yolo-preprocess -----------------------------------------------------------
 
 struct PreprocessArgs {
@@ -120,15 +130,41 @@ struct PreprocessArgs {
   std::string raw;
   std::string size = "640x640";
   std::string output;
+  bool match_python = false;
 };
+
+// The Python pipeline's letterbox: paths through the library's path form,
+// standard input and raw frames as views.
+xt::xtensor<float, 4> preprocess_python(const PreprocessArgs& a, const std::array<int, 2>& shape) {
+  const vemoproc::Pipeline python = vemoproc::Pipeline::MatchPython;
+  if (std::none_of(a.images.begin(), a.images.end(),
+                   [&](const std::string& p) { return cli::needs_reading(p, a.raw); })) {
+    for (const auto& p : a.images) cli::require_file(p);
+    return yolo::preprocess(a.images, shape, python).tensor;
+  }
+  std::vector<vemoproc::Image> images;
+  std::vector<vemoproc::ImageView> views;
+  for (const auto& p : a.images) {
+    if (cli::needs_reading(p, a.raw)) {
+      images.push_back(cli::read_image(p, a.raw, vemoproc::Decoder::Reference));
+    } else {
+      cli::require_file(p);
+      images.push_back(vemoproc::decode_image_file(p, vemoproc::Decoder::Reference));
+    }
+  }
+  for (const auto& im : images) views.push_back(im.view());
+  return yolo::preprocess_images(views, shape, python).tensor;
+}
 
 void run_preprocess(const PreprocessArgs& a) {
   const auto shape = cli::parse_size(a.size, "--size");
   cli::check_pixels(shape[0], shape[1], "--size");
   cli::check_stdin_once(a.images);
   xt::xtensor<float, 4> batch;
-  if (std::none_of(a.images.begin(), a.images.end(),
-                   [&](const std::string& p) { return cli::needs_reading(p, a.raw); })) {
+  if (a.match_python) {
+    batch = preprocess_python(a, shape);
+  } else if (std::none_of(a.images.begin(), a.images.end(),
+                          [&](const std::string& p) { return cli::needs_reading(p, a.raw); })) {
     for (const auto& p : a.images) cli::require_file(p);
     batch = yolo::preprocess(a.images, shape);
   } else {
@@ -164,28 +200,32 @@ struct PostprocessArgs {
   bool agnostic = false;
   bool end2end = false;
   bool exact = false;
+  bool match_python = false;
 };
 
 void run_postprocess(const PostprocessArgs& a) {
   const auto in = cli::parse_size(a.input_size, "--input-size");
   const auto names = read_names(a.names);
-  yolo::RawImage image = raw_image(a.image, a.raw);
+  yolo::RawImage image = raw_image(a.image, a.raw, a.match_python);
   std::vector<yolo::Detection> dets;
-  if (a.end2end || a.agnostic || a.exact) {
-    // Boxes mapped back with the geometry the letterbox applied.
-    const yolo::LetterboxInfo g = yolo::letterbox_info(image.width, image.height, in);
+  if (a.end2end || a.agnostic || a.exact || a.match_python) {
+    // Boxes mapped back with the geometry the letterbox applied (by the
+    // Python pipeline's rule with --match-python).
+    const vemoproc::Pipeline pipeline = cli::pipeline_of(a.match_python);
+    const yolo::LetterboxInfo g = yolo::letterbox_info(image.width, image.height, in, pipeline);
     std::cout << "letterbox: " << g.original_width << "x" << g.original_height << " scaled by "
               << g.scale << " to " << g.new_width << "x" << g.new_height << " at (" << g.left
               << ", " << g.top << ")\n";
     if (a.end2end) {
       dets = yolo::postprocess_end2end(end2end_rows(cli::load_npy_as_float(a.head), a.head), g,
-                                       a.conf);
+                                       a.conf, pipeline);
     } else {
       yolo::PostprocessOptions options;
       options.conf_threshold = a.conf;
       options.iou_threshold = a.iou;
       options.max_det = a.max_det;
       options.agnostic = a.agnostic;
+      options.box_mapping = pipeline;
       dets = yolo::postprocess(
           head_rows(cli::load_npy_as_float(a.head), a.layout, a.layout_given, a.head), g, options);
     }
@@ -297,6 +337,7 @@ struct DemoArgs {
   std::string raw;
   std::string output = "vemoproc-demo.png";
   std::string size = "640x640";
+  bool match_python = false;
 };
 
 void run_demo(const DemoArgs& a) {
@@ -313,7 +354,7 @@ void run_demo(const DemoArgs& a) {
       input = (std::filesystem::temp_directory_path() / "vemoproc-demo-scene.png").string();
       write_png(scene, input);
     } else {
-      scene = raw_image(a.image, a.raw);
+      scene = raw_image(a.image, a.raw, a.match_python);
       if (cli::needs_reading(a.image, a.raw)) {
         // The preprocess stage reads a file: standard input goes through one.
         input = (std::filesystem::temp_directory_path() / "vemoproc-demo-input.png").string();
@@ -328,8 +369,13 @@ void run_demo(const DemoArgs& a) {
   }
   {
     cli::Stage s(2, kStages, "preprocess (decode, letterbox, pack) to " + a.size);
-    const auto batch = yolo::preprocess({input}, net);
-    (void)batch;  // the input a detection network would run on
+    if (a.match_python) {
+      const auto batch = yolo::preprocess({input}, net, vemoproc::Pipeline::MatchPython);
+      (void)batch;  // the input a detection network would run on
+    } else {
+      const auto batch = yolo::preprocess({input}, net);
+      (void)batch;
+    }
   }
   xt::xtensor<float, 2> head;
   {
@@ -339,8 +385,17 @@ void run_demo(const DemoArgs& a) {
   std::vector<yolo::Detection> dets;
   {
     cli::Stage s(4, kStages, "postprocess [8400, " + std::to_string(head.shape(1)) + "] head");
-    dets = yolo::postprocess(head, {size_t(net[1]), size_t(net[0])},
-                             {size_t(scene.height), size_t(scene.width)}, 0.25f, 0.45f, 300);
+    if (a.match_python) {
+      yolo::PostprocessOptions options;
+      options.box_mapping = vemoproc::Pipeline::MatchPython;
+      dets = yolo::postprocess(
+          head,
+          yolo::letterbox_info(scene.width, scene.height, net, vemoproc::Pipeline::MatchPython),
+          options);
+    } else {
+      dets = yolo::postprocess(head, {size_t(net[1]), size_t(net[0])},
+                               {size_t(scene.height), size_t(scene.width)}, 0.25f, 0.45f, 300);
+    }
   }
   {
     cli::Stage s(5, kStages, "draw " + std::to_string(dets.size()) + " detections");
@@ -366,6 +421,7 @@ void add_yolo_commands(CLI::App& app) {
   p->add_option("--raw", pre->raw, cli::kRawHelp);
   p->add_option("--size", pre->size, "Network input size WIDTHxHEIGHT")->capture_default_str();
   p->add_option("-o,--output", pre->output, "Output .npy file")->required();
+  p->add_flag("--match-python", pre->match_python, cli::kMatchPythonHelp);
   p->callback([pre] { run_preprocess(*pre); });
 
   auto post = std::make_shared<PostprocessArgs>();
@@ -379,6 +435,9 @@ void add_yolo_commands(CLI::App& app) {
   q->add_flag("--agnostic", post->agnostic, "NMS across classes (maps back as --exact)");
   q->add_flag("--end2end", post->end2end,
               "NMS-free head of [N, 6] rows x1 y1 x2 y2 score class (maps back as --exact)");
+  q->add_flag("--match-python", post->match_python,
+              "Decode the image as the Python loader does and map boxes back with the Python "
+              "pipeline's rule (pad subtracted, divided by the float gain, clipped)");
   q->add_flag("--exact", post->exact,
               "Map boxes back with the geometry the letterbox applied, and print it");
   q->add_option("--conf", post->conf, "Confidence threshold (strictly above)")
@@ -412,5 +471,6 @@ void add_yolo_commands(CLI::App& app) {
   d->add_option("--raw", demo->raw, cli::kRawHelp);
   d->add_option("-o,--output", demo->output, "Annotated PNG to write")->capture_default_str();
   d->add_option("--size", demo->size, "Network input size WIDTHxHEIGHT")->capture_default_str();
+  d->add_flag("--match-python", demo->match_python, cli::kMatchPythonHelp);
   d->callback([demo] { run_demo(*demo); });
 }
