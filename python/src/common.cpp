@@ -136,12 +136,29 @@ std::string path_string(py::handle obj) {
 }
 
 ImageArg image_arg(py::handle obj, const char* name) {
+  return image_arg(obj, name, vemoproc::Decoder::Stb);
+}
+
+ImageArg image_arg(py::handle obj, const char* name, vemoproc::Decoder decoder) {
   ImageArg arg;
   if (is_path_like(obj)) {
     arg.is_path = true;
     arg.path = path_string(obj);
   } else if (is_bytes_like(obj)) {
-    arg.decoded = decode_bytes(obj, false);
+    if (decoder == vemoproc::Decoder::Stb) {
+      arg.decoded = decode_bytes(obj, false);
+    } else {
+      py::buffer_info info =
+          py::reinterpret_borrow<py::buffer>(py::isinstance<py::memoryview>(obj) &&
+                                                     !obj.attr("c_contiguous").cast<bool>()
+                                                 ? obj.attr("tobytes")()
+                                                 : py::reinterpret_borrow<py::object>(obj))
+              .request();
+      const auto* bytes = static_cast<const uint8_t*>(info.ptr);
+      const auto size = static_cast<size_t>(info.size * info.itemsize);
+      py::gil_scoped_release nogil;
+      arg.decoded = vemoproc::decode_image(bytes, size, decoder);
+    }
     arg.view = arg.decoded.view();
   } else {
     arg.view = image_view(obj, name, arg.keep);
@@ -150,8 +167,12 @@ ImageArg image_arg(py::handle obj, const char* name) {
 }
 
 ImageBatch image_batch(py::handle images, const char* name) {
+  return image_batch(images, name, vemoproc::Decoder::Stb);
+}
+
+ImageBatch image_batch(py::handle images, const char* name, vemoproc::Decoder decoder) {
   ImageBatch b;
-  for (py::handle h : images) b.args.push_back(image_arg(h, name));
+  for (py::handle h : images) b.args.push_back(image_arg(h, name, decoder));
   for (const ImageArg& a : b.args) {
     if (a.is_path) {
       throw py::type_error(std::string(name) + ": items are arrays or encoded bytes, not paths");
@@ -159,6 +180,15 @@ ImageBatch image_batch(py::handle images, const char* name) {
     b.views.push_back(a.view);
   }
   return b;
+}
+
+void bind_pipeline(py::module_& m) {
+  py::enum_<vemoproc::Pipeline>(
+      m, "Pipeline",
+      "Which pipeline a family's call follows: the library's own (Native, the default) or the "
+      "Python pipeline its models were trained with, bit for bit (MatchPython).")
+      .value("Native", vemoproc::Pipeline::Native)
+      .value("MatchPython", vemoproc::Pipeline::MatchPython);
 }
 
 }  // namespace vemoproc_py

@@ -100,6 +100,8 @@ struct ImageArg {
   py::object keep;  // the array (or its contiguous copy) the view reads
 };
 ImageArg image_arg(py::handle obj, const char* name);
+// The same, decoding encoded bytes with `decoder`.
+ImageArg image_arg(py::handle obj, const char* name, vemoproc::Decoder decoder);
 
 // Several images given as pixel arrays or encoded bytes (not paths), as views
 // read in place; `args` keeps what the views read.
@@ -108,6 +110,13 @@ struct ImageBatch {
   std::vector<vemoproc::ImageView> views;
 };
 ImageBatch image_batch(py::handle images, const char* name);
+ImageBatch image_batch(py::handle images, const char* name, vemoproc::Decoder decoder);
+
+// The decoder of a pipeline's encoded inputs: the reference one for MatchPython.
+inline vemoproc::Decoder decoder_for(vemoproc::Pipeline pipeline) {
+  return pipeline == vemoproc::Pipeline::MatchPython ? vemoproc::Decoder::Reference
+                                                     : vemoproc::Decoder::Stb;
+}
 
 // Whether `obj` is bytes, a bytearray or a memoryview, and the image it encodes
 // (decoded with the GIL released).
@@ -119,6 +128,7 @@ bool is_path_like(py::handle obj);
 std::string path_string(py::handle obj);
 
 void bind_pixels(py::module_& m);
+void bind_pipeline(py::module_& m);
 void bind_yolo(py::module_& m);
 void bind_vision(py::module_& m);
 void bind_dia(py::module_& m);

@@ -179,6 +179,7 @@ PYBIND11_MODULE(_vemoproc, m) {
       "classifier and vision-encoder inputs (convnext, zentil, qwen2vl), speech-synthesis "
       "helpers (dia) and token streaming (TextStreamer).";
   vemoproc_py::bind_pixels(m);
+  vemoproc_py::bind_pipeline(m);
   vemoproc_py::bind_yolo(m);
   vemoproc_py::bind_vision(m);
   vemoproc_py::bind_dia(m);

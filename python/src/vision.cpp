@@ -16,12 +16,17 @@ namespace {
 
 // process(x) for a preprocessor with path and view overloads.
 template <class Preprocessor>
-py::array_t<float> process(Preprocessor& pre, py::handle x) {
-  ImageArg arg = image_arg(x, "x");
-  xt::xarray<float> out =
-      released([&] { return arg.is_path ? pre.process(arg.path) : pre.process(arg.view); });
+py::array_t<float> process(Preprocessor& pre, py::handle x, vemoproc::Pipeline pipeline) {
+  ImageArg arg = image_arg(x, "x", decoder_for(pipeline));
+  xt::xarray<float> out = released([&] {
+    return arg.is_path ? pre.process(arg.path, pipeline) : pre.process(arg.view, pipeline);
+  });
   return to_numpy(std::move(out));
 }
+
+constexpr const char* kPipelineDoc =
+    "\n\npipeline=Pipeline.MatchPython gives the Hugging Face processor's tensor bit for bit "
+    "(paths and bytes decoded as Pillow does, EXIF applied; Pillow resampling).";
 
 constexpr const char* kImageArgDoc =
     "x: a path (str or os.PathLike), encoded image bytes, or a uint8 array of shape HxWx3 "
@@ -30,6 +35,13 @@ constexpr const char* kImageArgDoc =
 
 py::tuple qwen_output(qwen2vl::Qwen2VLImageOutput&& out) {
   return py::make_tuple(to_numpy(std::move(out.patches)), to_numpy(std::move(out.grid_thw)));
+}
+
+// The Python processor's types: image_grid_thw is int64 there.
+py::tuple qwen_output(qwen2vl::Qwen2VLImageOutput&& out, vemoproc::Pipeline pipeline) {
+  if (pipeline == vemoproc::Pipeline::Native) return qwen_output(std::move(out));
+  py::array_t<int64_t> grid = to_numpy(std::move(out.grid_thw)).attr("astype")("int64");
+  return py::make_tuple(to_numpy(std::move(out.patches)), grid);
 }
 
 }  // namespace
@@ -44,12 +56,16 @@ void bind_vision(py::module_& parent) {
       .def_readwrite("crop_pct", &convnext::ConvNextPreprocessor::crop_pct)
       .def_readwrite("mean", &convnext::ConvNextPreprocessor::mean, "R, G, B means")
       .def_readwrite("std", &convnext::ConvNextPreprocessor::std, "R, G, B deviations")
-      .def("process", &process<convnext::ConvNextPreprocessor>, py::arg("x"),
+      .def_readwrite("resample", &convnext::ConvNextPreprocessor::resample,
+                     "MatchPython's filter: Resample.PillowBicubic (default) or PillowBilinear")
+      .def("process", &process<convnext::ConvNextPreprocessor>, py::arg("x"), py::kw_only(),
+           py::arg("pipeline") = vemoproc::Pipeline::Native,
            (std::string(R"(Classifier input of one image: float32 [3, size, size].
 
 Scales the shortest edge to int(size / crop_pct) (Catmull-Rom), cuts the
 centred size x size square and normalises ((byte / 255) - mean[c]) / std[c].
 )") + kImageArgDoc +
+            kPipelineDoc +
             "\n\nRaises RuntimeError for a file that cannot be decoded, bad size or crop_pct.")
                .c_str());
 
@@ -60,12 +76,14 @@ centred size x size square and normalises ((byte / 255) - mean[c]) / std[c].
       .def_readwrite("size", &zentil::ZentilPreprocessor::size)
       .def_readwrite("mean", &zentil::ZentilPreprocessor::mean, "0.5 on every channel")
       .def_readwrite("std", &zentil::ZentilPreprocessor::std, "0.5 on every channel")
-      .def("process", &process<zentil::ZentilPreprocessor>, py::arg("x"),
+      .def("process", &process<zentil::ZentilPreprocessor>, py::arg("x"), py::kw_only(),
+           py::arg("pipeline") = vemoproc::Pipeline::Native,
            (std::string(R"(Encoder input of one image: float32 [1, 3, size, size].
 
 Stretches the whole image to size x size (Catmull-Rom, aspect ratio not kept)
 and maps each byte to (byte / 255 - 0.5) / 0.5.
 )") + kImageArgDoc +
+            kPipelineDoc +
             "\n\nRaises RuntimeError for a file that cannot be decoded or a bad size.")
                .c_str());
 
@@ -81,6 +99,15 @@ scaled into [min_pixels, max_pixels] keeping the aspect ratio.
 
 Raises RuntimeError "Absolute aspect ratio must be smaller than 200", or naming
 factor when it is 0.)");
+  qw.def("smart_resize_match_python", &qwen2vl::smart_resize_match_python, py::arg("height"),
+         py::arg("width"), py::arg("factor") = 28, py::arg("min_pixels") = 56 * 56,
+         py::arg("max_pixels") = 14 * 14 * 4 * 1280,
+         R"(The Hugging Face processor's size rule, in double precision: sides rounded
+to multiples of factor (halves to even), then the original sides scaled into
+[min_pixels, max_pixels]. 1600x1200 -> (840, 1148).
+
+Raises RuntimeError for a side below factor, an aspect ratio above 200, or a
+non-positive factor or max_pixels.)");
   qw.def(
       "resize_image",
       [](py::array image, int new_height, int new_width) {
@@ -124,23 +151,23 @@ Raises RuntimeError naming the argument for non-positive counts or rates.)");
       .def_readwrite("merge_size", &qwen2vl::Qwen2VLImageProcessor::merge_size)
       .def(
           "preprocess",
-          [](qwen2vl::Qwen2VLImageProcessor& self, py::handle x) {
+          [](qwen2vl::Qwen2VLImageProcessor& self, py::handle x, vemoproc::Pipeline pipeline) {
             qwen2vl::Qwen2VLImageOutput out;
             if (is_path_like(x)) {
               std::string path = path_string(x);
               py::gil_scoped_release nogil;
-              out = self.preprocess(path);
+              out = self.preprocess(path, pipeline);
             } else {
               // One image or a list of them, each an array or encoded bytes.
               py::object list = py::reinterpret_borrow<py::object>(x);
               if (py::isinstance<py::array>(x) || is_bytes_like(x)) list = py::make_tuple(x);
-              ImageBatch batch = image_batch(list, "images");
+              ImageBatch batch = image_batch(list, "images", decoder_for(pipeline));
               py::gil_scoped_release nogil;
-              out = self.preprocess(batch.views);
+              out = self.preprocess(batch.views, pipeline);
             }
-            return qwen_output(std::move(out));
+            return qwen_output(std::move(out), pipeline);
           },
-          py::arg("x"),
+          py::arg("x"), py::kw_only(), py::arg("pipeline") = vemoproc::Pipeline::Native,
           R"(Patch rows and grid of a path, or of a list of images.
 
 x: a path (str or os.PathLike), or a list of uint8 arrays (HxWx3, HxWx4 or
@@ -149,20 +176,23 @@ also works. Returns (patches, grid_thw): float32
 [patches, 3 * temporal_patch_size * patch_size**2] rows stacked in input order
 and uint64 [images, 3] rows of (grid_t, grid_h, grid_w).
 
+pipeline=Pipeline.MatchPython gives the Hugging Face processor's pixel_values
+and image_grid_thw (int64) bit for bit (decoding as Pillow does).
+
 Raises RuntimeError for a file that cannot be decoded or invalid settings,
 ValueError when the patch matrix would not fit in memory.)")
       .def(
           "preprocess_video",
-          [](qwen2vl::Qwen2VLImageProcessor& self, py::handle frames) {
-            ImageBatch batch = image_batch(frames, "frames");
+          [](qwen2vl::Qwen2VLImageProcessor& self, py::handle frames, vemoproc::Pipeline pipeline) {
+            ImageBatch batch = image_batch(frames, "frames", decoder_for(pipeline));
             qwen2vl::Qwen2VLImageOutput out;
             {
               py::gil_scoped_release nogil;
-              out = self.preprocess_video(batch.views);
+              out = self.preprocess_video(batch.views, pipeline);
             }
-            return qwen_output(std::move(out));
+            return qwen_output(std::move(out), pipeline);
           },
-          py::arg("frames"),
+          py::arg("frames"), py::kw_only(), py::arg("pipeline") = vemoproc::Pipeline::Native,
           R"(Patch rows and grid of one video.
 
 frames: a list of same-size uint8 arrays (HxWx3, HxWx4 or HxW) or encoded

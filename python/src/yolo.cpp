@@ -54,7 +54,8 @@ std::vector<yolo::Detection> detections_of(py::handle obj) {
 
 yolo::PostprocessOptions options_of(float conf_threshold, float iou_threshold, size_t max_det,
                                     bool agnostic, bool channels_first, bool objectness,
-                                    std::vector<int> classes, size_t max_candidates) {
+                                    std::vector<int> classes, size_t max_candidates,
+                                    vemoproc::Pipeline box_mapping) {
   yolo::PostprocessOptions o;
   o.conf_threshold = conf_threshold;
   o.iou_threshold = iou_threshold;
@@ -64,6 +65,7 @@ yolo::PostprocessOptions options_of(float conf_threshold, float iou_threshold, s
   o.objectness = objectness;
   o.classes = std::move(classes);
   o.max_candidates = max_candidates;
+  o.box_mapping = box_mapping;
   return o;
 }
 
@@ -78,7 +80,7 @@ py::object detections_result(std::vector<yolo::Detection>&& dets, bool as_array)
                  py::arg("max_det") = 300, py::arg("agnostic") = false,                        \
                  py::arg("channels_first") = false, py::arg("objectness") = false,             \
                  py::arg("classes") = std::vector<int>{}, py::arg("max_candidates") = 30000,   \
-                 py::arg("as_array") = false
+                 py::arg("box_mapping") = vemoproc::Pipeline::Native, py::arg("as_array") = false
 
 constexpr const char* kOptionsDoc = R"(
 Keywords: conf_threshold (scores strictly above), iou_threshold (NMS suppresses
@@ -86,7 +88,9 @@ IoU strictly above), max_det, agnostic (NMS across classes), channels_first
 (the head is [4 + classes, N], e.g. a [1, 84, 8400] export without its batch
 axis), objectness (older [N, 5 + classes] heads: column 4 multiplies the class
 scores), classes (keep only these ids), max_candidates (most boxes sent to
-NMS), as_array (an [N, 6] float32 array instead of Detection objects).)";
+NMS), box_mapping (Pipeline.MatchPython: map boxes back with the Python
+pipeline's rule, (x - left) / scale in float, for the MatchPython letterbox's
+geometry), as_array (an [N, 6] float32 array instead of Detection objects).)";
 
 }  // namespace
 
@@ -113,17 +117,23 @@ void bind_yolo(py::module_& parent) {
 
   m.def(
       "preprocess",
-      [](py::handle paths, std::array<int, 2> size) {
+      [](py::handle paths, std::array<int, 2> size, vemoproc::Pipeline pipeline) {
         std::vector<std::string> files = paths_of(paths);
-        xt::xtensor<float, 4> out = released([&] { return yolo::preprocess(files, size); });
+        xt::xtensor<float, 4> out = released([&] {
+          return pipeline == vemoproc::Pipeline::Native
+                     ? yolo::preprocess(files, size)
+                     : yolo::preprocess(files, size, pipeline).tensor;
+        });
         return to_numpy(std::move(out));
       },
-      py::arg("paths"), py::arg("size") = std::array<int, 2>{640, 640},
+      py::arg("paths"), py::arg("size") = std::array<int, 2>{640, 640}, py::kw_only(),
+      py::arg("pipeline") = vemoproc::Pipeline::Native,
       R"(Load, letterbox (grey 114) and pack image files into one tensor.
 
 size is (width, height). Returns float32 [N, 3, height, width] holding
 sample / 255. Raises RuntimeError "stbi_load failed for: PATH" when a file
-cannot be decoded.)");
+cannot be decoded. pipeline=Pipeline.MatchPython gives the OpenCV-based Python
+letterbox's tensor bit for bit (files decoded as cv2.imread does).)");
 
   m.def(
       "letterbox",
@@ -201,35 +211,56 @@ columns.)");
                     i.top);
       });
 
-  m.def("letterbox_info", &yolo::letterbox_info, py::arg("width"), py::arg("height"),
-        py::arg("new_shape") = std::array<int, 2>{640, 640},
-        "The letterbox geometry of a width x height image fitted into new_shape = (width, "
-        "height), without touching pixels.");
+  m.def(
+      "letterbox_info",
+      [](int width, int height, std::array<int, 2> new_shape, vemoproc::Pipeline pipeline) {
+        return yolo::letterbox_info(width, height, new_shape, pipeline);
+      },
+      py::arg("width"), py::arg("height"), py::arg("new_shape") = std::array<int, 2>{640, 640},
+      py::kw_only(), py::arg("pipeline") = vemoproc::Pipeline::Native,
+      "The letterbox geometry of a width x height image fitted into new_shape = (width, "
+      "height), without touching pixels (of the Python letterbox with "
+      "pipeline=Pipeline.MatchPython).");
 
   m.def(
       "preprocess_images",
-      [](py::handle images, std::array<int, 2> size) {
-        ImageBatch batch = image_batch(images, "images");
+      [](py::handle images, std::array<int, 2> size, vemoproc::Pipeline pipeline, bool bgr) {
+        ImageBatch batch = image_batch(images, "images", decoder_for(pipeline));
+        // Arrays in OpenCV's channel order (decoded images are always RGB).
+        for (size_t i = 0; bgr && i < batch.views.size(); ++i) {
+          vemoproc::ImageView& v = batch.views[i];
+          if (batch.args[i].decoded.rgb.empty() && v.format == vemoproc::PixelFormat::RGB) {
+            v.format = vemoproc::PixelFormat::BGR;
+          } else if (batch.args[i].decoded.rgb.empty() && v.format == vemoproc::PixelFormat::RGBA) {
+            v.format = vemoproc::PixelFormat::BGRA;
+          }
+        }
         yolo::DetectionBatch out =
-            released([&] { return yolo::preprocess_images(batch.views, size); });
+            released([&] { return yolo::preprocess_images(batch.views, size, pipeline); });
         return py::make_tuple(to_numpy(std::move(out.tensor)), py::cast(out.letterbox));
       },
-      py::arg("images"), py::arg("size") = std::array<int, 2>{640, 640},
+      py::arg("images"), py::arg("size") = std::array<int, 2>{640, 640}, py::kw_only(),
+      py::arg("pipeline") = vemoproc::Pipeline::Native, py::arg("bgr") = false,
       R"(preprocess for images in memory: (float32 [N, 3, height, width], [LetterboxInfo]).
 
 images: uint8 arrays (HxWx3, HxWx4 or HxW; read in place when rows are packed)
 or encoded bytes. The tensor equals preprocess on files decoding to the same
-pixels, bit for bit; size is (width, height).)");
+pixels, bit for bit; size is (width, height). bgr=True reads 3- and 4-channel
+arrays in OpenCV's order (BGR, BGRA), e.g. cv2.imread's result.
+pipeline=Pipeline.MatchPython gives the OpenCV-based Python letterbox's tensor
+bit for bit (bytes decoded as cv2.imdecode does); map its boxes back with
+box_mapping=Pipeline.MatchPython.)");
 
   m.def(
       "postprocess",
       [](py::array head, const yolo::LetterboxInfo& letterbox, float conf_threshold,
          float iou_threshold, size_t max_det, bool agnostic, bool channels_first, bool objectness,
-         std::vector<int> classes, size_t max_candidates, bool as_array) {
+         std::vector<int> classes, size_t max_candidates, vemoproc::Pipeline box_mapping,
+         bool as_array) {
         xt::xtensor<float, 2> h = to_xtensor<float, 2>(head, "head");
         const yolo::PostprocessOptions o =
             options_of(conf_threshold, iou_threshold, max_det, agnostic, channels_first, objectness,
-                       std::move(classes), max_candidates);
+                       std::move(classes), max_candidates, box_mapping);
         std::vector<yolo::Detection> dets =
             released([&] { return yolo::postprocess(h, letterbox, o); });
         return detections_result(std::move(dets), as_array);
@@ -245,11 +276,12 @@ exact inverse of the letterbox.
       "postprocess_batch",
       [](py::array heads, const std::vector<yolo::LetterboxInfo>& letterbox, float conf_threshold,
          float iou_threshold, size_t max_det, bool agnostic, bool channels_first, bool objectness,
-         std::vector<int> classes, size_t max_candidates, bool as_array) {
+         std::vector<int> classes, size_t max_candidates, vemoproc::Pipeline box_mapping,
+         bool as_array) {
         xt::xtensor<float, 3> h = to_xtensor<float, 3>(heads, "heads");
         const yolo::PostprocessOptions o =
             options_of(conf_threshold, iou_threshold, max_det, agnostic, channels_first, objectness,
-                       std::move(classes), max_candidates);
+                       std::move(classes), max_candidates, box_mapping);
         std::vector<std::vector<yolo::Detection>> dets =
             released([&] { return yolo::postprocess_batch(h, letterbox, o); });
         py::list out;
@@ -265,14 +297,14 @@ with channels_first) and one LetterboxInfo per image; a list of results.
   m.def(
       "postprocess_end2end",
       [](py::array rows, const yolo::LetterboxInfo& letterbox, float conf_threshold,
-         bool as_array) {
+         vemoproc::Pipeline box_mapping, bool as_array) {
         xt::xtensor<float, 2> r = to_xtensor<float, 2>(rows, "rows");
-        std::vector<yolo::Detection> dets =
-            released([&] { return yolo::postprocess_end2end(r, letterbox, conf_threshold); });
+        std::vector<yolo::Detection> dets = released(
+            [&] { return yolo::postprocess_end2end(r, letterbox, conf_threshold, box_mapping); });
         return detections_result(std::move(dets), as_array);
       },
       py::arg("rows"), py::arg("letterbox"), py::arg("conf_threshold") = 0.25f, py::kw_only(),
-      py::arg("as_array") = false,
+      py::arg("box_mapping") = vemoproc::Pipeline::Native, py::arg("as_array") = false,
       R"(For heads that need no NMS: rows [N, 6] of (x1, y1, x2, y2, score, class) in
 network pixels. Rows scoring strictly above conf_threshold, in input order,
 mapped back and clipped like the geometry form of postprocess.)");

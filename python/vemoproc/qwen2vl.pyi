@@ -5,7 +5,7 @@ from typing import Sequence, Tuple, Union
 import numpy as np
 import numpy.typing as npt
 
-from . import BytesLike
+from . import BytesLike, Pipeline
 
 DEFAULT_IMAGE_MEAN: Tuple[float, float, float]
 DEFAULT_IMAGE_STD: Tuple[float, float, float]
@@ -18,6 +18,15 @@ def smart_resize(
     max_pixels: int = 1003520,
 ) -> Tuple[int, int]:
     """Target (height, width): multiples of factor within the pixel budget."""
+
+def smart_resize_match_python(
+    height: int,
+    width: int,
+    factor: int = 28,
+    min_pixels: int = 3136,
+    max_pixels: int = 1003520,
+) -> Tuple[int, int]:
+    """The Hugging Face processor's size rule (double precision, halves to even)."""
 
 def resize_image(
     image: npt.NDArray[np.uint8], new_height: int, new_width: int
@@ -63,10 +72,13 @@ class Qwen2VLImageProcessor:
         merge_size: int = 2,
     ) -> None: ...
     def preprocess(
-        self, x: Union[str, os.PathLike, _Image, Sequence[_Image]]
-    ) -> Tuple[npt.NDArray[np.float32], npt.NDArray[np.uint64]]:
-        """(patches float32 [P, 3*T*p*p], grid_thw uint64 [images, 3])."""
+        self,
+        x: Union[str, os.PathLike, _Image, Sequence[_Image]],
+        *,
+        pipeline: Pipeline = Pipeline.Native,
+    ) -> Tuple[npt.NDArray[np.float32], npt.NDArray[Union[np.uint64, np.int64]]]:
+        """(patches float32 [P, 3*T*p*p], grid_thw [images, 3]: uint64, int64 with MatchPython)."""
     def preprocess_video(
-        self, frames: Sequence[_Image]
-    ) -> Tuple[npt.NDArray[np.float32], npt.NDArray[np.uint64]]:
-        """(patches float32 [groups*h*w, 3*T*p*p], grid_thw uint64 [[groups, h, w]])."""
+        self, frames: Sequence[_Image], *, pipeline: Pipeline = Pipeline.Native
+    ) -> Tuple[npt.NDArray[np.float32], npt.NDArray[Union[np.uint64, np.int64]]]:
+        """(patches float32 [groups*h*w, 3*T*p*p], grid_thw [[groups, h, w]])."""

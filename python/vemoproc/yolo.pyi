@@ -5,6 +5,8 @@ from typing import Literal, Sequence, Tuple, Union, overload
 import numpy as np
 import numpy.typing as npt
 
+from . import Pipeline
+
 class Detection:
     """One detection in original-image pixels."""
 
@@ -40,15 +42,26 @@ class LetterboxInfo:
     ) -> None: ...
 
 def letterbox_info(
-    width: int, height: int, new_shape: Tuple[int, int] = (640, 640)
+    width: int,
+    height: int,
+    new_shape: Tuple[int, int] = (640, 640),
+    *,
+    pipeline: Pipeline = Pipeline.Native,
 ) -> LetterboxInfo: ...
 def preprocess_images(
-    images: Sequence[Union[npt.NDArray[np.uint8], bytes]], size: Tuple[int, int] = (640, 640)
+    images: Sequence[Union[npt.NDArray[np.uint8], bytes]],
+    size: Tuple[int, int] = (640, 640),
+    *,
+    pipeline: Pipeline = Pipeline.Native,
+    bgr: bool = False,
 ) -> Tuple[npt.NDArray[np.float32], list[LetterboxInfo]]:
     """Letterbox in-memory images: (float32 [N, 3, height, width], geometry per image)."""
 
 def preprocess(
-    paths: Sequence[Union[str, os.PathLike]], size: Tuple[int, int] = (640, 640)
+    paths: Sequence[Union[str, os.PathLike]],
+    size: Tuple[int, int] = (640, 640),
+    *,
+    pipeline: Pipeline = Pipeline.Native,
 ) -> npt.NDArray[np.float32]:
     """Letterbox image files into float32 [N, 3, height, width]; size is (width, height)."""
 
@@ -92,6 +105,7 @@ def postprocess(
     objectness: bool = False,
     classes: Sequence[int] = (),
     max_candidates: int = 30000,
+    box_mapping: Pipeline = Pipeline.Native,
     as_array: bool = False,
 ) -> Union[list[Detection], npt.NDArray[np.float32]]: ...
 def postprocess_batch(
@@ -106,11 +120,12 @@ def postprocess_batch(
     objectness: bool = False,
     classes: Sequence[int] = (),
     max_candidates: int = 30000,
+    box_mapping: Pipeline = Pipeline.Native,
     as_array: bool = False,
 ) -> list[Union[list[Detection], npt.NDArray[np.float32]]]: ...
 def postprocess_end2end(
     rows: npt.ArrayLike, letterbox: LetterboxInfo, conf_threshold: float = 0.25, *,
-    as_array: bool = False
+    box_mapping: Pipeline = Pipeline.Native, as_array: bool = False
 ) -> Union[list[Detection], npt.NDArray[np.float32]]: ...
 def draw_detections(
     image: npt.NDArray[np.uint8],

@@ -2,12 +2,14 @@
 import numpy as np
 import numpy.typing as npt
 
-from . import ImageInput
+from . import ImageInput, Pipeline
 
 class ZentilPreprocessor:
     size: int
     mean: list[float]
     std: list[float]
     def __init__(self, size: int = 224) -> None: ...
-    def process(self, x: ImageInput) -> npt.NDArray[np.float32]:
+    def process(
+        self, x: ImageInput, *, pipeline: Pipeline = Pipeline.Native
+    ) -> npt.NDArray[np.float32]:
         """Encoder input of one image: float32 [1, 3, size, size]."""
