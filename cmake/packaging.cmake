@@ -13,13 +13,14 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION libdevel)
 if(CMAKE_CROSSCOMPILING)
   # dpkg-shlibdeps cannot read the target's libraries here; the tool and the
-  # library need the C and C++ runtimes only.
+  # library need the C and C++ runtimes and libjpeg only.
   if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
     set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE arm64)
   else()
     message(FATAL_ERROR "no Debian architecture known for ${CMAKE_SYSTEM_PROCESSOR}")
   endif()
-  set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6, libstdc++6, libgcc-s1, libxtensor-dev")
+  set(CPACK_DEBIAN_PACKAGE_DEPENDS 
+    "libc6, libstdc++6, libgcc-s1, libjpeg62-turbo, libxtensor-dev")
 else()
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
   set(CPACK_DEBIAN_PACKAGE_DEPENDS "libxtensor-dev")

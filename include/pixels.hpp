@@ -4,6 +4,7 @@
 // accepts these; this header holds the shared vocabulary and conversions.
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "vemoproc_export.hpp"
@@ -45,13 +46,16 @@ struct YuvView {
   YuvRange range;
 };
 
-// An owning, tightly packed 8-bit RGB image: the library's image convention.
+// An owning, tightly packed 8-bit image: RGB by default, the library's image
+// convention. `rgb` holds width * height * channels_of(format) bytes (three
+// per pixel for RGB); resize() returns images in its input's format.
 struct VEMOPROC_API Image {
   int width = 0;
   int height = 0;
-  std::vector<uint8_t> rgb;  // width * height * 3 bytes
+  std::vector<uint8_t> rgb;  // width * height * channels_of(format) bytes
+  PixelFormat format = PixelFormat::RGB;
 
-  ImageView view() const;
+  ImageView view() const;  // a view in `format`
 };
 
 enum class Rotation { None, Clockwise90, Rotate180, Clockwise270 };
@@ -65,6 +69,52 @@ enum class Rotation { None, Clockwise90, Rotate180, Clockwise270 };
 // before any pixel memory is allocated).
 VEMOPROC_API Image decode_image(const uint8_t* bytes, size_t size,
                                 bool apply_exif_orientation = false);
+
+enum class Decoder {
+  // stb_image, as decode_image() above and the path loaders: no EXIF orientation.
+  Stb,
+  // The Python references' pixels: a JPEG is decoded by libjpeg-turbo with
+  // its defaults (accurate integer IDCT, fancy upsampling) and turned upright
+  // by its EXIF orientation, giving exactly what OpenCV's imread gives (as
+  // RGB) and what Pillow's ImageOps.exif_transpose(Image.open(p)).convert("RGB")
+  // gives. Grey JPEGs are copied to R, G and B; CMYK and YCCK JPEGs are
+  // converted as OpenCV does (Adobe's inverted CMYK: R = K - (255 - C) * K / 256).
+  // Every other format is read by stb, whose pixels already agree.
+  Reference,
+};
+
+// Decodes an encoded image from memory into RGB with the chosen decoder
+// (Decoder::Stb: exactly decode_image(bytes, size)). Throws
+// std::runtime_error "Failed to decode image bytes: REASON", also for an image
+// of more than max_image_pixels() pixels (refused from its header, before any
+// pixel memory is allocated).
+VEMOPROC_API Image decode_image(const uint8_t* bytes, size_t size, Decoder decoder);
+
+// Reads and decodes a file: with Decoder::Stb exactly the pixels of the path
+// loaders. Throws std::runtime_error "Failed to load image: PATH" when the file
+// cannot be read or decoded (or exceeds the pixel budget).
+VEMOPROC_API Image decode_image_file(const std::string& path, Decoder decoder = Decoder::Stb);
+
+enum class Resample {
+  // OpenCV's cv::resize(..., INTER_LINEAR) on 8-bit images: 2-tap bilinear
+  // in 11-bit fixed point, no antialiasing; an exact halving of both sides is
+  // a 2 x 2 box average, as OpenCV does it.
+  OpenCVLinear,
+  // Pillow's Image.resize(..., BICUBIC / BILINEAR, reducing_gap=None): the
+  // filter widens with the reduction (antialiasing), 22-bit fixed point.
+  // RGBA and BGRA are premultiplied by alpha around the resampling, as
+  // Pillow does for mode RGBA.
+  PillowBicubic,
+  PillowBilinear,
+};
+
+// Resizes an 8-bit view with 1, 3 or 4 channels to width x height, keeping
+// its format (channel order included), bit-identical to the chosen
+// reference. A size equal to the view's is a copy. The result is held to the
+// pixel budget. Throws std::runtime_error "resize(): REASON" naming the
+// argument for a bad view, a size below 1 or a method that is not a Resample
+// value.
+VEMOPROC_API Image resize(const ImageView& image, int width, int height, Resample method);
 
 // Converts a view to tightly packed RGB, then turns it by `rotation`:
 // BGR/BGRA swap to RGB, alpha is dropped (not premultiplied), GRAY is copied

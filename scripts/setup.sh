@@ -9,6 +9,7 @@ apt_packages=(
   g++ cmake make pkg-config
   libxtensor-dev xtl-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
+  libjpeg62-turbo-dev
   clang libclang-rt-14-dev
   python3-dev python3-setuptools python3-wheel python3-pip python3-venv
   pybind11-dev python3-pybind11 python3-numpy python3-pytest

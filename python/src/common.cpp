@@ -112,7 +112,11 @@ bool is_bytes_like(py::handle obj) {
          py::isinstance<py::memoryview>(obj);
 }
 
-vemoproc::Image decode_bytes(py::handle obj, bool apply_exif_orientation) {
+namespace {
+
+// Runs decode(bytes, size) on the bytes of `obj` with the GIL released.
+template <class Decode>
+vemoproc::Image with_bytes(py::handle obj, const Decode& decode) {
   py::object data = py::reinterpret_borrow<py::object>(obj);
   // A strided memoryview is gathered into bytes; everything else is read in place.
   if (py::isinstance<py::memoryview>(obj) && !obj.attr("c_contiguous").cast<bool>()) {
@@ -122,7 +126,21 @@ vemoproc::Image decode_bytes(py::handle obj, bool apply_exif_orientation) {
   const auto* bytes = static_cast<const uint8_t*>(info.ptr);
   const auto size = static_cast<size_t>(info.size * info.itemsize);
   py::gil_scoped_release nogil;
-  return vemoproc::decode_image(bytes, size, apply_exif_orientation);
+  return decode(bytes, size);
+}
+
+}  // namespace
+
+vemoproc::Image decode_bytes(py::handle obj, bool apply_exif_orientation) {
+  return with_bytes(obj, [&](const uint8_t* bytes, size_t size) {
+    return vemoproc::decode_image(bytes, size, apply_exif_orientation);
+  });
+}
+
+vemoproc::Image decode_bytes(py::handle obj, vemoproc::Decoder decoder) {
+  return with_bytes(obj, [&](const uint8_t* bytes, size_t size) {
+    return vemoproc::decode_image(bytes, size, decoder);
+  });
 }
 
 bool is_path_like(py::handle obj) {

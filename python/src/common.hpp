@@ -46,9 +46,12 @@ auto released(Work&& work) {
   return work();
 }
 
-// An owning RGB image as an HxWx3 uint8 array that owns its pixels.
-inline py::array_t<uint8_t> to_numpy(vemoproc::Image&& image) {
-  std::vector<py::ssize_t> shape{image.height, image.width, 3};
+// An owning image as a uint8 array that owns its pixels: HxWxC (C = 3 for
+// RGB), or HxW for a GRAY image when `grey_2d`.
+inline py::array_t<uint8_t> to_numpy(vemoproc::Image&& image, bool grey_2d = false) {
+  std::vector<py::ssize_t> shape{image.height, image.width};
+  const int channels = vemoproc::channels_of(image.format);
+  if (!(grey_2d && channels == 1)) shape.push_back(channels);
   return to_numpy(std::move(image.rgb), std::move(shape));
 }
 
@@ -122,6 +125,7 @@ inline vemoproc::Decoder decoder_for(vemoproc::Pipeline pipeline) {
 // (decoded with the GIL released).
 bool is_bytes_like(py::handle obj);
 vemoproc::Image decode_bytes(py::handle obj, bool apply_exif_orientation);
+vemoproc::Image decode_bytes(py::handle obj, vemoproc::Decoder decoder);
 
 // Whether `obj` is a str or an os.PathLike, and its text form.
 bool is_path_like(py::handle obj);

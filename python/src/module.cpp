@@ -123,23 +123,70 @@ void bind_pixels(py::module_& m) {
       .value("Rotate180", vemoproc::Rotation::Rotate180)
       .value("Clockwise270", vemoproc::Rotation::Clockwise270);
 
+  py::enum_<vemoproc::Decoder>(m, "Decoder", "Which decoder reads encoded images.")
+      .value("Stb", vemoproc::Decoder::Stb, "stb_image, as the path loaders (the default)")
+      .value("Reference", vemoproc::Decoder::Reference,
+             "libjpeg-turbo for JPEG with EXIF orientation applied: cv2.imread's and Pillow's "
+             "pixels (as RGB)");
+  py::enum_<vemoproc::Resample>(m, "Resample", "Resampling that matches a Python reference.")
+      .value("OpenCVLinear", vemoproc::Resample::OpenCVLinear,
+             "cv2.resize(..., interpolation=cv2.INTER_LINEAR)")
+      .value("PillowBicubic", vemoproc::Resample::PillowBicubic,
+             "PIL Image.resize(..., Image.BICUBIC, reducing_gap=None)")
+      .value("PillowBilinear", vemoproc::Resample::PillowBilinear,
+             "PIL Image.resize(..., Image.BILINEAR, reducing_gap=None)");
+
   m.def(
       "decode_image",
-      [](py::handle data, bool apply_exif_orientation) {
+      [](py::handle data, bool apply_exif_orientation, vemoproc::Decoder decoder) {
         if (!is_bytes_like(data)) {
           throw py::type_error("data: expected bytes, bytearray or memoryview");
         }
-        return to_numpy(decode_bytes(data, apply_exif_orientation));
+        if (decoder == vemoproc::Decoder::Stb) {
+          return to_numpy(decode_bytes(data, apply_exif_orientation));
+        }
+        return to_numpy(decode_bytes(data, decoder));
       },
       py::arg("data"), py::arg("apply_exif_orientation") = false,
+      py::arg("decoder") = vemoproc::Decoder::Stb,
       R"(Decode an encoded image (PNG, JPEG, BMP, ...) held in memory.
 
 Returns an HxWx3 uint8 RGB array, exactly the pixels the path loaders give for
 a file with these bytes. With apply_exif_orientation, a JPEG's EXIF orientation
-tag is applied so the image comes back upright.
+tag is applied so the image comes back upright. decoder=Decoder.Reference
+decodes JPEG with libjpeg-turbo and always applies the orientation: the pixels
+of cv2.imread (as RGB) and of ImageOps.exif_transpose(Image.open(p)).convert("RGB").
 
 Raises RuntimeError "Failed to decode image bytes: ..." for data that does not
 decode, or an image of more than max_image_pixels() pixels.)");
+
+  m.def(
+      "decode_image_file",
+      [](py::handle path, vemoproc::Decoder decoder) {
+        if (!is_path_like(path)) throw py::type_error("path: expected str or os.PathLike");
+        const std::string p = path_string(path);
+        return to_numpy(released([&] { return vemoproc::decode_image_file(p, decoder); }));
+      },
+      py::arg("path"), py::arg("decoder") = vemoproc::Decoder::Stb,
+      R"(Read and decode an image file into an HxWx3 uint8 RGB array (see
+decode_image for the decoders). Raises RuntimeError "Failed to load image: PATH".)");
+
+  m.def(
+      "resize",
+      [](py::handle image, int width, int height, vemoproc::Resample method) {
+        py::object keep;
+        const vemoproc::ImageView view = image_view(image, "image", keep);
+        const bool grey_2d = py::reinterpret_borrow<py::array>(keep).ndim() == 2;
+        return to_numpy(released([&] { return vemoproc::resize(view, width, height, method); }),
+                        grey_2d);
+      },
+      py::arg("image"), py::arg("width"), py::arg("height"), py::arg("method"),
+      R"(Resize a uint8 HxW, HxWx3 or HxWx4 array to width x height, bit-identical to
+cv2.resize(image, (width, height), interpolation=cv2.INTER_LINEAR) for
+Resample.OpenCVLinear, or to PIL's Image.resize((width, height), BICUBIC or
+BILINEAR, reducing_gap=None) for Resample.PillowBicubic / PillowBilinear (a
+4-channel array as mode RGBA). Channel order is kept; the result has the input's
+layout. Raises RuntimeError "resize(): ..." for sizes below 1.)");
 
   m.def("yuv_to_rgb", &yuv_to_rgb, py::arg("y"), py::arg("u") = py::none(),
         py::arg("v") = py::none(), py::arg("layout") = vemoproc::YuvLayout::NV12,

@@ -34,6 +34,12 @@ DecodedRgb decode_rgb(const uint8_t* bytes, size_t size, std::string* reason = n
 // the caller throws its own message.
 DecodedRgb load_rgb_file(const std::string& path);
 
+// The EXIF orientation (1-8) of JPEG bytes; 1 when missing or malformed.
+int jpeg_exif_orientation(const uint8_t* bytes, size_t size);
+
+// Turns packed RGB upright for an EXIF orientation (1 or unknown: unchanged).
+Image orient(Image image, int orientation);
+
 // True when a width x height image fits the pixel budget (negative sides never do).
 bool within_pixel_budget(int64_t width, int64_t height);
 

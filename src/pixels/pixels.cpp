@@ -404,7 +404,7 @@ int channels_of(PixelFormat format) {
 }
 
 ImageView Image::view() const {
-  return {rgb.data(), width, height, static_cast<size_t>(width) * 3u, PixelFormat::RGB};
+  return {rgb.data(), width, height, static_cast<size_t>(width) * channels_of(format), format};
 }
 
 void set_max_image_pixels(uint64_t pixels) { max_pixels.store(pixels, std::memory_order_relaxed); }
@@ -571,6 +571,14 @@ DecodedRgb decode_rgb(const uint8_t* bytes, size_t size, std::string* reason) {
   // same budget after the fact.
   if (!within_pixel_budget(w, h)) return refuse("image exceeds the image pixel budget");
   return result;
+}
+
+int jpeg_exif_orientation(const uint8_t* bytes, size_t size) {
+  return exif_orientation(bytes, size);
+}
+
+Image orient(Image image, int orientation) {
+  return apply_orientation(std::move(image), orientation);
 }
 
 DecodedRgb load_rgb_file(const std::string& path) {
