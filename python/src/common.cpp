@@ -163,20 +163,7 @@ ImageArg image_arg(py::handle obj, const char* name, vemoproc::Decoder decoder) 
     arg.is_path = true;
     arg.path = path_string(obj);
   } else if (is_bytes_like(obj)) {
-    if (decoder == vemoproc::Decoder::Stb) {
-      arg.decoded = decode_bytes(obj, false);
-    } else {
-      py::buffer_info info =
-          py::reinterpret_borrow<py::buffer>(py::isinstance<py::memoryview>(obj) &&
-                                                     !obj.attr("c_contiguous").cast<bool>()
-                                                 ? obj.attr("tobytes")()
-                                                 : py::reinterpret_borrow<py::object>(obj))
-              .request();
-      const auto* bytes = static_cast<const uint8_t*>(info.ptr);
-      const auto size = static_cast<size_t>(info.size * info.itemsize);
-      py::gil_scoped_release nogil;
-      arg.decoded = vemoproc::decode_image(bytes, size, decoder);
-    }
+    arg.decoded = decode_bytes(obj, decoder);
     arg.view = arg.decoded.view();
   } else {
     arg.view = image_view(obj, name, arg.keep);
