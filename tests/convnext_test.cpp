@@ -162,3 +162,41 @@ TEST(ConvNextPreprocessor, ReadsEachFileExactlyOnce) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(ConvNextMatchPython, ArgumentsAndTheRescaleOfThePythonProcessor) {
+  // Every byte value in a 16x16 image, size 16 and crop_pct 1: no resize, no
+  // crop, so each output is the byte rescaled as numpy does, then normalised.
+  std::vector<uint8_t> rgb(16 * 16 * 3);
+  for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = static_cast<uint8_t>(i / 3);
+  const vemoproc::ImageView view{rgb.data(), 16, 16, 0, vemoproc::PixelFormat::RGB};
+  ConvNextPreprocessor pre(16, 1.0f);
+  const auto out = pre.process(view, vemoproc::Pipeline::MatchPython);
+  for (int v = 0; v < 256; ++v) {
+    const float x = static_cast<float>(v / 255.0);
+    ASSERT_EQ(out(1, v / 16, v % 16), (x - pre.mean[1]) / pre.std[1]) << v;
+  }
+  const auto message = [&](int size, float crop_pct, vemoproc::Resample resample) {
+    ConvNextPreprocessor p(size, crop_pct);
+    p.resample = resample;
+    try {
+      p.process(view, vemoproc::Pipeline::MatchPython);
+    } catch (const std::runtime_error& e) {
+      return std::string(e.what());
+    }
+    return std::string("(no exception)");
+  };
+  const auto bicubic = vemoproc::Resample::PillowBicubic;
+  EXPECT_EQ(message(0, 0.875f, bicubic), "ConvNextPreprocessor: size must be at least 1");
+  for (float bad : {0.0f, -1.0f, NAN, INFINITY}) {
+    EXPECT_EQ(message(16, bad, bicubic),
+              "ConvNextPreprocessor: crop_pct must be a positive finite number");
+  }
+  EXPECT_EQ(message(16, 0.875f, vemoproc::Resample::OpenCVLinear),
+            "ConvNextPreprocessor: resample must be PillowBicubic or PillowBilinear");
+  EXPECT_EQ(message(16, 2.0f, bicubic), "(no exception)");  // zero-padded, as in Python
+  EXPECT_EQ(message(1, 1e9f, bicubic), "Failed to resize image");
+}
+
+}  // namespace

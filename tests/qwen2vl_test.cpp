@@ -352,3 +352,47 @@ TEST(Qwen2VLVideo, FrameIndicesAreEvenlySpacedWholeGroups) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(Qwen2VLMatchPython, SizeRuleOfThePythonProcessor) {
+  using qwen2vl::smart_resize_match_python;
+  struct Row {
+    int h, w;
+    long long max_pixels;
+    std::pair<int, int> want;
+  };
+  const Row rows[] = {
+      {1200, 1600, 1003520, {840, 1148}},    // original sides over beta (the native rule: 868)
+      {70, 70, 1003520, {56, 56}},           // 2.5 rounds to 2
+      {98, 42, 1003520, {112, 56}},          // 3.5 -> 4, 1.5 -> 2
+      {28, 28, 1003520, {56, 56}},           // raised to min_pixels
+      {28, 5600, 1003520, {28, 5600}},       // a ratio of exactly 200 passes
+      {3000, 4000, 12845056, {2996, 4004}},  // the 7B checkpoint's budget
+  };
+  for (const Row& r : rows) {
+    EXPECT_EQ(smart_resize_match_python(r.h, r.w, 28, 3136, r.max_pixels), r.want) << r.h;
+  }
+  EXPECT_EQ(message_of([] { smart_resize_match_python(27, 100, 28, 3136, 1003520); }),
+            "smart_resize_match_python: height 27 and width 100 must be at least factor 28");
+  EXPECT_EQ(message_of([] { smart_resize_match_python(28, 5601, 28, 3136, 1003520); }),
+            "Absolute aspect ratio must be smaller than 200");
+  EXPECT_EQ(message_of([] { smart_resize_match_python(28, 28, 0, 3136, 1003520); }),
+            "smart_resize_match_python: factor must be positive");
+  EXPECT_EQ(message_of([] { smart_resize_match_python(280, 280, 28, 3136, 0); }),
+            "smart_resize_match_python: max_pixels must be positive");
+
+  // The processor: 1600x1200 gives the Python processor's 60 x 82 grid.
+  Qwen2VLImageProcessor p(true, 3136, 1003520, true, 1.0f / 255.0f, true,
+                          qwen2vl::kDefaultImageMean, qwen2vl::kDefaultImageStd, 14, 2, 2);
+  const std::vector<uint8_t> pixels(1600 * 1200 * 3, 77);
+  const auto out = p.preprocess({{pixels.data(), 1600, 1200, 0, vemoproc::PixelFormat::RGB}},
+                                vemoproc::Pipeline::MatchPython);
+  EXPECT_EQ(out.grid_thw, (xt::xarray<size_t>{{1, 60, 82}}));
+  EXPECT_EQ(out.patches.shape(0), 4920u);
+  // Flat grey stays 77: float(77 / 255.0) normalised, as numpy computes it.
+  const float want = (static_cast<float>(77 / 255.0) - 0.48145466f) / 0.26862954f;
+  EXPECT_EQ(out.patches(4919, 0), want);
+}
+
+}  // namespace

@@ -889,3 +889,91 @@ TEST(DrawDetections, HugeThicknessOnATallImageIsCheap) {
   EXPECT_EQ(pixel(im, 0, 150000), (RGB{4, 42, 255}));
   EXPECT_EQ(pixel(im, 0, 299999), (RGB{4, 42, 255}));
 }
+
+namespace {
+
+using vemoproc::Pipeline;
+
+// The Python letterbox: (w, h) into {W, H} -> block and placement.
+TEST(MatchPythonLetterbox, GeometryHalvesToEvenAndPutsTheOddPixelBottomRight) {
+  struct Row {
+    int w, h, W, H, new_w, new_h, left, top;
+  };
+  const Row rows[] = {
+      {1280, 721, 640, 640, 640, 360, 0, 140},  // 360.5 -> 360 (the native rule: 361)
+      {1280, 722, 640, 640, 640, 361, 0, 139},  // dh 139.5: 139 above, 140 below
+      {333, 721, 640, 640, 296, 640, 172, 0},  {100, 50, 320, 256, 320, 160, 0, 48},
+      {640, 640, 640, 640, 640, 640, 0, 0},
+  };
+  for (const Row& r : rows) {
+    const yolo::LetterboxInfo g = yolo::letterbox_info(r.w, r.h, {r.W, r.H}, Pipeline::MatchPython);
+    EXPECT_EQ(std::vector<int>({g.new_width, g.new_height, g.left, g.top}),
+              std::vector<int>({r.new_w, r.new_h, r.left, r.top}))
+        << r.w << "x" << r.h;
+    EXPECT_EQ(g.scale, static_cast<float>(std::min(double(r.H) / r.h, double(r.W) / r.w)));
+  }
+  EXPECT_EQ(error_of([] {
+              yolo::letterbox_info(5, 5, {0, 640}, Pipeline::MatchPython);
+            }),
+            "letterbox_info(): new_shape sides must be at least 1");
+  EXPECT_EQ(error_of([] {
+              yolo::letterbox_info(0, 5, {640, 640}, Pipeline::MatchPython);
+            }),
+            "letterbox_info(): width and height must be at least 1");
+  const std::vector<uint8_t> thin(2000 * 3, 9);
+  EXPECT_EQ(error_of([&] {
+              yolo::preprocess_images({{thin.data(), 1, 2000, 0, vemoproc::PixelFormat::RGB}},
+                                      {640, 640}, Pipeline::MatchPython);
+            }),
+            "preprocess_images(): images[0] of 1x2000 scales to an empty block");
+}
+
+TEST(MatchPythonLetterbox, BgrIsSwappedOnceAndBoxesMapBackWithTheFloatGain) {
+  // 4x2 into 4x4: no resize, one grey row above and below.
+  std::vector<uint8_t> rgb(4 * 2 * 3);
+  for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = static_cast<uint8_t>(i * 11);
+  std::vector<uint8_t> bgr = rgb;
+  for (size_t i = 0; i < bgr.size(); i += 3) std::swap(bgr[i], bgr[i + 2]);
+  const auto a = yolo::preprocess_images({{rgb.data(), 4, 2, 0, vemoproc::PixelFormat::RGB}},
+                                         {4, 4}, Pipeline::MatchPython);
+  const auto b = yolo::preprocess_images({{bgr.data(), 4, 2, 0, vemoproc::PixelFormat::BGR}},
+                                         {4, 4}, Pipeline::MatchPython);
+  EXPECT_EQ(a.tensor, b.tensor);
+  EXPECT_EQ(a.tensor(0, 0, 1, 1), rgb[3] / 255.0f);
+  EXPECT_EQ(a.tensor(0, 2, 2, 3), rgb[23] / 255.0f);
+  EXPECT_EQ(a.tensor(0, 1, 3, 0), 114 / 255.0f);
+
+  // 1280x721 into 640: gain 0.5, top 140; the native rule divides by 360 / 721.
+  const yolo::LetterboxInfo g = yolo::letterbox_info(1280, 721, {640, 640}, Pipeline::MatchPython);
+  const xt::xtensor<float, 2> rows = {{10, 150, 20, 1000, 0.9f, 2}};
+  const auto mapped = yolo::postprocess_end2end(rows, g, 0.25f, Pipeline::MatchPython);
+  ASSERT_EQ(mapped.size(), 1u);
+  EXPECT_EQ(std::vector<float>({mapped[0].x1, mapped[0].y1, mapped[0].x2, mapped[0].y2}),
+            std::vector<float>({20, 20, 40, 721}));
+  EXPECT_NE(yolo::postprocess_end2end(rows, g, 0.25f)[0].y1, 20.0f);
+  yolo::PostprocessOptions options;
+  options.box_mapping = Pipeline::MatchPython;
+  const xt::xtensor<float, 2> head = {{15, 575, 10, 850, 0.9f, 0.1f}};
+  const auto detected = yolo::postprocess(head, g, options);
+  ASSERT_EQ(detected.size(), 1u);
+  EXPECT_EQ(std::vector<float>({detected[0].x1, detected[0].y1, detected[0].x2, detected[0].y2}),
+            std::vector<float>({20, 20, 40, 721}));
+}
+
+TEST(MatchPythonLetterbox, PathsAndBytesGiveTheViewsTensorAndNativeIsUnchanged) {
+  const testimg::Pixels p = testimg::make(
+      37, 23, 3, [](int x, int y, int c) { return static_cast<uint8_t>(x * 7 + y * 13 + c * 50); });
+  const std::string path = testimg::write(p, testimg::Format::Png, "match_python.png");
+  const std::vector<uint8_t> bytes = testimg::read_bytes(path);
+  const vemoproc::ImageView view{p.data.data(), 37, 23, 0, vemoproc::PixelFormat::RGB};
+  for (Pipeline pipeline : {Pipeline::Native, Pipeline::MatchPython}) {
+    const auto want = yolo::preprocess_images({view}, {64, 48}, pipeline);
+    EXPECT_EQ(yolo::preprocess({path}, {64, 48}, pipeline).tensor, want.tensor);
+    EXPECT_EQ(yolo::preprocess_encoded({{bytes.data(), bytes.size()}}, {64, 48}, pipeline).tensor,
+              want.tensor);
+  }
+  EXPECT_EQ(yolo::preprocess({path}, {64, 48}, Pipeline::Native).tensor,
+            yolo::preprocess({path}, {64, 48}));
+}
+
+}  // namespace

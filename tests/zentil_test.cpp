@@ -93,3 +93,21 @@ TEST(ZentilPreprocessor, ViewsGiveThePathResultWithinTheBudget) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(ZentilMatchPython, RescalesAsNumpyAndKeepsTheSizeRules) {
+  // Every byte value at its own size: no resize, float(v / 255.0) normalised.
+  std::vector<uint8_t> rgb(16 * 16 * 3);
+  for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = static_cast<uint8_t>(i / 3);
+  const vemoproc::ImageView view{rgb.data(), 16, 16, 0, vemoproc::PixelFormat::RGB};
+  const auto python = vemoproc::Pipeline::MatchPython;
+  const auto out = zentil::ZentilPreprocessor(16).process(view, python);
+  for (int v = 0; v < 256; ++v) {
+    ASSERT_EQ(out(0, 2, v / 16, v % 16), (static_cast<float>(v / 255.0) - 0.5f) / 0.5f) << v;
+  }
+  EXPECT_EQ(zentil::ZentilPreprocessor(0).process(view, python).shape(3), 0u);
+  EXPECT_THROW(zentil::ZentilPreprocessor(-1).process(view, python), std::runtime_error);
+}
+
+}  // namespace
