@@ -597,3 +597,75 @@ TEST(Digests, Yolo) { check_family("yolo", yolo_family); }
 TEST(Digests, Vision) { check_family("vision", vision_family); }
 TEST(Digests, Dia) { check_family("dia", dia_family); }
 TEST(Digests, Streamer) { check_family("streamer", streamer_family); }
+
+namespace {
+
+// The MatchPython forms of the image families, on the same data set.
+void match_python_family(Recorder& r) {
+  const auto python = vemoproc::Pipeline::MatchPython;
+  qwen2vl::Qwen2VLImageProcessor qwen(true, 56 * 56, 28 * 28 * 16, true, 1.0f / 255, true,
+                                      qwen2vl::kDefaultImageMean, qwen2vl::kDefaultImageStd, 14, 2,
+                                      2);
+  const auto add_batch = [](Fnv& f, const yolo::DetectionBatch& b) {
+    add_tensor(f, b.tensor);
+    for (const yolo::LetterboxInfo& g : b.letterbox) {
+      for (int v : {g.original_width, g.original_height, g.new_width, g.new_height, g.left, g.top})
+        f.u64(uint64_t(int64_t(v)));
+      f.text(std::to_string(g.scale));
+    }
+  };
+  for (const auto& [name, path] : image_paths()) {
+    r.add("yolo64x48." + name,
+          [&](Fnv& f) { add_batch(f, yolo::preprocess({path}, {64, 48}, python)); });
+    r.add("convnext64." + name, [&](Fnv& f) {
+      add_tensor(f, convnext::ConvNextPreprocessor(64, 0.875f).process(path, python));
+    });
+    r.add("zentil32." + name,
+          [&](Fnv& f) { add_tensor(f, zentil::ZentilPreprocessor(32).process(path, python)); });
+    r.add("qwen2vl." + name, [&](Fnv& f) {
+      const auto out = qwen.preprocess(path, python);
+      add_tensor(f, out.patches);
+      add_tensor(f, out.grid_thw);
+    });
+  }
+  const vemoproc::Image decoded = testimg::decode(image_paths().at("rgb_29x41.tga"));
+  const testimg::Layout bgra = testimg::lay_out(decoded, vemoproc::PixelFormat::BGRA, 5);
+  r.add("yolo.view", [&](Fnv& f) {
+    add_batch(f, yolo::preprocess_images({bgra.view, decoded.view()}, {33, 65}, python));
+  });
+  r.add("convnext.bilinear_view", [&](Fnv& f) {
+    convnext::ConvNextPreprocessor pre(64, 0.875f);
+    pre.resample = vemoproc::Resample::PillowBilinear;
+    add_tensor(f, pre.process(bgra.view, python));
+  });
+  r.add("convnext384.view", [&](Fnv& f) {
+    add_tensor(f, convnext::ConvNextPreprocessor(384, 0.875f).process(bgra.view, python));
+  });
+  r.add("qwen2vl.video", [&](Fnv& f) {
+    const auto out = qwen.preprocess_video({bgra.view, decoded.view(), bgra.view}, python);
+    add_tensor(f, out.patches);
+    add_tensor(f, out.grid_thw);
+  });
+  r.add("qwen2vl.smart_resize", [&](Fnv& f) {
+    for (int hgt : {1, 27, 28, 29, 70, 111, 480, 1080, 1200, 5000})
+      for (int wid : {14, 56, 98, 333, 640, 1600, 1920, 40000}) {
+        try {
+          const auto [nh, nw] =
+              qwen2vl::smart_resize_match_python(hgt, wid, 28, 56 * 56, 28 * 28 * 1280);
+          f.u64(uint64_t(nh) << 32 | uint64_t(nw));
+        } catch (const std::exception& e) {
+          f.text(e.what());
+        }
+      }
+  });
+  r.add("yolo.box_mapping", [&](Fnv& f) {
+    const yolo::LetterboxInfo g = yolo::letterbox_info(1280, 721, {640, 640}, python);
+    yolo::PostprocessOptions options;
+    options.box_mapping = python;
+    add_detections(f, yolo::postprocess(detection_head(500, 5, 640.0f, 11), g, options));
+  });
+}
+
+}  // namespace
+
+TEST(Digests, MatchPython) { check_family("match_python", match_python_family); }
