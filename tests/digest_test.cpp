@@ -615,8 +615,9 @@ void match_python_family(Recorder& r) {
     }
   };
   for (const auto& [name, path] : image_paths()) {
-    r.add("yolo64x48." + name,
-          [&](Fnv& f) { add_batch(f, yolo::preprocess({path}, {64, 48}, python)); });
+    r.add("yolo64x48." + name, [&](Fnv& f) {
+      add_batch(f, yolo::preprocess({path}, {64, 48}, python));
+    });
     r.add("convnext64." + name, [&](Fnv& f) {
       add_tensor(f, convnext::ConvNextPreprocessor(64, 0.875f).process(path, python));
     });
