@@ -26,3 +26,10 @@ execute_process(COMMAND dpkg-architecture -qDEB_BUILD_MULTIARCH
 if(VEMOPROC_BUILD_MULTIARCH)
   list(APPEND CMAKE_PREFIX_PATH /usr/lib/${VEMOPROC_BUILD_MULTIARCH}/cmake)
 endif()
+# Debian's multiarch arm64 packages (scripts/setup.sh arm64 installs
+# libjpeg62-turbo-dev:arm64) put the library in /usr/lib/aarch64-linux-gnu and
+# its architecture-specific header (jconfig.h) in /usr/include/aarch64-linux-gnu,
+# both outside the cross sysroot; jpeglib.h itself is shared with the host.
+set(JPEG_LIBRARY /usr/lib/aarch64-linux-gnu/libjpeg.so CACHE FILEPATH "arm64 libjpeg")
+set(CMAKE_C_STANDARD_INCLUDE_DIRECTORIES /usr/include/aarch64-linux-gnu)
+set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES /usr/include/aarch64-linux-gnu)

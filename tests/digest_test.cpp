@@ -524,6 +524,57 @@ void streamer_family(Recorder& r) {
   });
 }
 
+// The reference forms: libjpeg-turbo decoding (4:4:4, 4:2:0, grey) and the
+// three reference resamplers over 1, 3 and 4 channels, on an image large
+// enough to be split over the threads.
+void reference_family(Recorder& r) {
+  using vemoproc::Resample;
+  const auto add_image = [](Fnv& f, const vemoproc::Image& img) {
+    f.u64(uint64_t(img.width) << 32 | uint64_t(img.height));
+    f.u64(uint64_t(img.format));
+    f.bytes(img.rgb.data(), img.rgb.size());
+  };
+  std::vector<uint8_t> subsampled;
+  const testimg::Pixels p = pattern(97, 61, 3, 40);
+  stbi_write_jpg_to_func(
+      [](void* out, void* data, int n) {
+        auto* v = static_cast<std::vector<uint8_t>*>(out);
+        v->insert(v->end(), static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + n);
+      },
+      &subsampled, p.width, p.height, 3, p.data.data(), 75);  // quality below 90: 4:2:0
+  std::map<std::string, std::vector<uint8_t>> jpegs = {{"rgb_97x61_420.jpg", subsampled}};
+  for (const char* name : {"rgb_64x48.jpg", "grey_45x31.jpg", "odd_17x3.jpg", "rgb_64x48.png"})
+    jpegs[name] = testimg::read_bytes(image_paths().at(name));
+  for (const auto& [name, bytes] : jpegs)
+    r.add("decode." + name, [&](Fnv& f) {
+      add_image(f,
+                vemoproc::decode_image(bytes.data(), bytes.size(), vemoproc::Decoder::Reference));
+    });
+
+  const struct {
+    const char* name;
+    Resample method;
+  } methods[] = {{"opencv", Resample::OpenCVLinear},
+                 {"bicubic", Resample::PillowBicubic},
+                 {"bilinear", Resample::PillowBilinear}};
+  const struct {
+    int channels;
+    vemoproc::PixelFormat format;
+  } layouts[] = {{1, vemoproc::PixelFormat::GRAY},
+                 {3, vemoproc::PixelFormat::BGR},
+                 {4, vemoproc::PixelFormat::RGBA}};
+  const int targets[][2] = {{267, 133}, {1100, 560}, {400, 200}, {800, 133}, {31, 400}};
+  for (const auto& l : layouts) {
+    const testimg::Pixels src = pattern(800, 400, l.channels, 41);
+    const vemoproc::ImageView view{src.data.data(), 800, 400, 0, l.format};
+    for (const auto& m : methods)
+      for (const auto& t : targets)
+        r.add(std::string("resize.") + m.name + ".c" + std::to_string(l.channels) + "." +
+                  std::to_string(t[0]) + "x" + std::to_string(t[1]),
+              [&](Fnv& f) { add_image(f, vemoproc::resize(view, t[0], t[1], m.method)); });
+  }
+}
+
 // The committed table, and the updates collected when regenerating.
 const char* const kDigestFile = VEMOPROC_DIGESTS_FILE;
 
@@ -597,6 +648,7 @@ TEST(Digests, Yolo) { check_family("yolo", yolo_family); }
 TEST(Digests, Vision) { check_family("vision", vision_family); }
 TEST(Digests, Dia) { check_family("dia", dia_family); }
 TEST(Digests, Streamer) { check_family("streamer", streamer_family); }
+TEST(Digests, Reference) { check_family("reference", reference_family); }
 
 namespace {
 

@@ -472,3 +472,135 @@ TEST(YuvToRgb, BadFramesAreRefusedNamingThePlane) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// Reference decoding and resampling. Bit-exactness against OpenCV and Pillow
+// is python/tests/test_reference.py's; the digest table holds the bytes on
+// every architecture, wide paths on and off, one thread or four.
+// ---------------------------------------------------------------------------
+
+namespace {
+
+using vemoproc::Decoder;
+using vemoproc::Resample;
+
+// The JPEG with its start-of-frame claiming width x height (the scan stays small).
+std::vector<uint8_t> with_frame_size(std::vector<uint8_t> jpeg, int width, int height) {
+  for (size_t i = 2; i + 9 < jpeg.size(); ++i)
+    if (jpeg[i] == 0xFF && jpeg[i + 1] == 0xC0) {
+      const uint8_t size[4] = {uint8_t(height >> 8), uint8_t(height), uint8_t(width >> 8),
+                               uint8_t(width)};
+      std::copy(size, size + 4, jpeg.begin() + i + 5);
+      return jpeg;
+    }
+  ADD_FAILURE() << "no baseline start-of-frame";
+  return jpeg;
+}
+
+TEST(ReferenceDecode, TurnsJpegsUprightAndRefusesBadInput) {
+  const std::string path =
+      testimg::write(testimg::make(6, 4, 3, pattern), Format::Jpeg, "reference.jpg");
+  const std::vector<uint8_t> plain = testimg::read_bytes(path);
+  const Image stored = vemoproc::decode_image(plain.data(), plain.size(), Decoder::Reference);
+  ASSERT_EQ(stored.width, 6);
+  ASSERT_EQ(stored.height, 4);
+  const struct {
+    int orientation;
+    Rotation turn;
+  } turns[] = {{1, Rotation::None},
+               {3, Rotation::Rotate180},
+               {6, Rotation::Clockwise90},
+               {8, Rotation::Clockwise270}};
+  for (const auto& t : turns) {
+    const std::vector<uint8_t> bytes = with_orientation(plain, t.orientation, t.orientation > 3);
+    const Image got = vemoproc::decode_image(bytes.data(), bytes.size(), Decoder::Reference);
+    EXPECT_EQ(got.rgb, vemoproc::to_rgb(stored.view(), t.turn).rgb) << t.orientation;
+  }
+  EXPECT_EQ(vemoproc::decode_image_file(path, Decoder::Reference).rgb, stored.rgb);
+  EXPECT_EQ(vemoproc::decode_image_file(path).rgb, decode_file(path).rgb);
+  // Other formats: stb's pixels.
+  const std::string png = testimg::write(testimg::make(5, 3, 3, pattern), Format::Png, "r.png");
+  EXPECT_EQ(vemoproc::decode_image_file(png, Decoder::Reference).rgb, decode_file(png).rgb);
+
+  const struct {
+    std::vector<uint8_t> bytes;
+    std::string message;
+  } bad[] = {
+      {{}, "Failed to decode image bytes: no bytes"},
+      {{0xFF, 0xD8, 0xFF, 0xE0, 'j', 'u', 'n', 'k'},
+       "Failed to decode image bytes: JPEG datastream contains no image"},
+      // Refused from the header: the pixels would take 1.2 GB.
+      {with_frame_size(plain, 20000, 20000),
+       "Failed to decode image bytes: 20000 x 20000 pixels exceed the image pixel budget of "
+       "178956970"},
+  };
+  for (const auto& b : bad)
+    EXPECT_THAT([&] { vemoproc::decode_image(b.bytes.data(), b.bytes.size(), Decoder::Reference); },
+                testing::ThrowsMessage<std::runtime_error>(testing::StrEq(b.message)));
+  EXPECT_THAT([] { vemoproc::decode_image_file("/nonexistent/a.jpg", Decoder::Reference); },
+              testing::ThrowsMessage<std::runtime_error>(
+                  testing::StrEq("Failed to load image: /nonexistent/a.jpg")));
+}
+
+TEST(ReferenceResize, BadArgumentsAreRefusedNamingThem) {
+  BudgetGuard guard;
+  uint8_t px[12] = {};
+  const ImageView ok{px, 2, 2, 0, PixelFormat::RGB};
+  const struct {
+    ImageView view;
+    int width, height;
+    Resample method;
+    const char* message;
+  } cases[] = {
+      {{nullptr, 2, 2, 0, PixelFormat::RGB},
+       4,
+       4,
+       Resample::OpenCVLinear,
+       "resize(): image.data is null"},
+      {{px, 0, 2, 0, PixelFormat::RGB},
+       4,
+       4,
+       Resample::PillowBicubic,
+       "resize(): image.width and image.height must be positive"},
+      {{px, 2, 2, 5, PixelFormat::RGB},
+       4,
+       4,
+       Resample::PillowBilinear,
+       "resize(): image.stride is shorter than a row"},
+      {ok, 0, 4, Resample::OpenCVLinear, "resize(): width and height must be at least 1"},
+      {ok, 4, -1, Resample::PillowBicubic, "resize(): width and height must be at least 1"},
+      {ok, 4, 4, Resample(7), "resize(): method is not a Resample value"},
+      {ok, 11, 10, Resample::OpenCVLinear,
+       "resize(): 11 x 10 pixels exceed the image pixel budget of 100"},
+  };
+  vemoproc::set_max_image_pixels(100);
+  for (const auto& c : cases)
+    EXPECT_THAT([&] { vemoproc::resize(c.view, c.width, c.height, c.method); },
+                testing::ThrowsMessage<std::runtime_error>(testing::StrEq(c.message)));
+  EXPECT_EQ(vemoproc::resize(ok, 10, 10, Resample::OpenCVLinear).rgb.size(), 300u);
+}
+
+TEST(ReferenceResize, KnownValuesAndCopies) {
+  // 0 and 255 stretched to four samples: 1/4 and 3/4 of the way, both rounded.
+  const uint8_t two[2] = {0, 255};
+  for (Resample m : {Resample::OpenCVLinear, Resample::PillowBilinear}) {
+    const Image out = vemoproc::resize({two, 2, 1, 0, PixelFormat::GRAY}, 4, 1, m);
+    EXPECT_EQ(out.rgb, (std::vector<uint8_t>{0, 64, 191, 255})) << int(m);
+    EXPECT_EQ(out.format, PixelFormat::GRAY);
+  }
+  // OpenCV halves exactly through the 2 x 2 mean: (0 + 1 + 2 + 4 + 2) >> 2.
+  const uint8_t block[4] = {0, 1, 2, 4};
+  EXPECT_EQ(vemoproc::resize({block, 2, 2, 0, PixelFormat::GRAY}, 1, 1, Resample::OpenCVLinear).rgb,
+            std::vector<uint8_t>{2});
+  // The same size is a plain copy of the rows (no premultiplication round
+  // trip for RGBA), in the view's format.
+  const uint8_t rgba[2 * 10] = {200, 100, 50, 1, 9, 8, 7, 255, 0, 0, 3, 4, 5, 6, 7, 8, 9, 10};
+  const Image same =
+      vemoproc::resize({rgba, 2, 2, 10, PixelFormat::BGRA}, 2, 2, Resample::PillowBicubic);
+  EXPECT_EQ(same.format, PixelFormat::BGRA);
+  std::vector<uint8_t> rows(rgba, rgba + 8);
+  rows.insert(rows.end(), rgba + 10, rgba + 18);
+  EXPECT_EQ(same.rgb, rows);
+}
+
+}  // namespace

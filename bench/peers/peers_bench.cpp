@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <array>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -206,6 +208,49 @@ void BM_Nv12ToRgb_OpenCV(benchmark::State& state) {
   }
 }
 
+// --- Reference forms: the same bytes as OpenCV ---------------------------------
+
+// The benchmark JPEG's bytes, decoded from memory by both (same codec).
+const std::vector<uint8_t>& jpeg_bytes() {
+  static const std::vector<uint8_t> bytes = [] {
+    std::ifstream in(benchinputs::jpeg_1080p(), std::ios::binary);
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
+  }();
+  return bytes;
+}
+void BM_ReferenceDecode_Ours(benchmark::State& state) {
+  const std::vector<uint8_t>& b = jpeg_bytes();
+  for (auto _ : state)
+    benchmark::DoNotOptimize(
+        vemoproc::decode_image(b.data(), b.size(), vemoproc::Decoder::Reference));
+}
+void BM_ReferenceDecode_OpenCV(benchmark::State& state) {
+  const cv::Mat b(1, static_cast<int>(jpeg_bytes().size()), CV_8UC1,
+                  const_cast<uint8_t*>(jpeg_bytes().data()));
+  for (auto _ : state) benchmark::DoNotOptimize(cv::imdecode(b, cv::IMREAD_COLOR));
+}
+
+// 1920x1080 RGB to 640x360 (a 3x reduction) and to 960x540 (OpenCV's exact halving).
+void resize_ours(benchmark::State& state, int w, int h) {
+  const yolo::RawImage im = benchinputs::frame_1080p();
+  const vemoproc::ImageView view{im.data.data(), 1920, 1080, 0, vemoproc::PixelFormat::RGB};
+  for (auto _ : state)
+    benchmark::DoNotOptimize(vemoproc::resize(view, w, h, vemoproc::Resample::OpenCVLinear));
+}
+void resize_opencv(benchmark::State& state, int w, int h) {
+  yolo::RawImage im = benchinputs::frame_1080p();
+  const cv::Mat mat(1080, 1920, CV_8UC3, im.data.data());
+  for (auto _ : state) {
+    cv::Mat out;
+    cv::resize(mat, out, cv::Size(w, h), 0, 0, cv::INTER_LINEAR);
+    benchmark::DoNotOptimize(out.data);
+  }
+}
+void BM_ResizeLinear640_Ours(benchmark::State& state) { resize_ours(state, 640, 360); }
+void BM_ResizeLinear640_OpenCV(benchmark::State& state) { resize_opencv(state, 640, 360); }
+void BM_ResizeLinear960_Ours(benchmark::State& state) { resize_ours(state, 960, 540); }
+void BM_ResizeLinear960_OpenCV(benchmark::State& state) { resize_opencv(state, 960, 540); }
+
 // --- A batch of 8 files, 1 and 2 threads ------------------------------------
 
 void batch_ours(benchmark::State& state, int threads) {
@@ -238,6 +283,12 @@ BENCHMARK(BM_ConvNext_Ours)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ConvNext_OpenCV)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Nv12ToRgb_Ours)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Nv12ToRgb_OpenCV)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ReferenceDecode_Ours)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ReferenceDecode_OpenCV)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ResizeLinear640_Ours)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ResizeLinear640_OpenCV)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ResizeLinear960_Ours)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ResizeLinear960_OpenCV)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Batch8_Ours_1Thread)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Batch8_Ours_2Threads)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Batch8_OpenCV_1Thread)->Unit(benchmark::kMillisecond);
@@ -253,6 +304,9 @@ int main(int argc, char** argv) {
                           {"BM_Postprocess_Ours", "BM_Postprocess_OpenCV", 1.0},
                           {"BM_ConvNext_Ours", "BM_ConvNext_OpenCV", 0.8},
                           {"BM_Nv12ToRgb_Ours", "BM_Nv12ToRgb_OpenCV", 1.5},
+                          {"BM_ReferenceDecode_Ours", "BM_ReferenceDecode_OpenCV", 1.05},
+                          {"BM_ResizeLinear640_Ours", "BM_ResizeLinear640_OpenCV", 1.2},
+                          {"BM_ResizeLinear960_Ours", "BM_ResizeLinear960_OpenCV", 1.2},
                           {"BM_Batch8_Ours_2Threads", "BM_Batch8_Ours_1Thread", 0.6},
                           {"BM_Batch8_Ours_1Thread", "BM_Batch8_OpenCV_1Thread", 0.0},
                           {"BM_Batch8_Ours_2Threads", "BM_Batch8_OpenCV_2Threads", 0.0}});

@@ -38,8 +38,31 @@ class Rotation(enum.Enum):
     Rotate180 = ...
     Clockwise270 = ...
 
-def decode_image(data: BytesLike, apply_exif_orientation: bool = False) -> npt.NDArray[np.uint8]:
-    """Decode encoded image bytes into an HxWx3 uint8 RGB array."""
+class Decoder(enum.Enum):
+    Stb = ...
+    Reference = ...
+
+class Resample(enum.Enum):
+    OpenCVLinear = ...
+    PillowBicubic = ...
+    PillowBilinear = ...
+
+def decode_image(
+    data: BytesLike, apply_exif_orientation: bool = False, decoder: Decoder = Decoder.Stb
+) -> npt.NDArray[np.uint8]:
+    """Decode encoded image bytes into an HxWx3 uint8 RGB array (Decoder.Reference:
+    cv2.imread's and Pillow's pixels for JPEG, EXIF orientation applied)."""
+
+def decode_image_file(
+    path: Union[str, os.PathLike], decoder: Decoder = Decoder.Stb
+) -> npt.NDArray[np.uint8]:
+    """Read and decode an image file into an HxWx3 uint8 RGB array."""
+
+def resize(
+    image: npt.NDArray[np.uint8], width: int, height: int, method: Resample
+) -> npt.NDArray[np.uint8]:
+    """Resize uint8 HxW / HxWx3 / HxWx4 pixels bit-identically to cv2.resize(INTER_LINEAR)
+    or PIL Image.resize(BICUBIC / BILINEAR, reducing_gap=None); same layout out."""
 
 def yuv_to_rgb(
     y: npt.NDArray[np.uint8],

@@ -22,6 +22,10 @@
 #include "pixels.hpp"
 #include "threads.hpp"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #if defined(__x86_64__) || defined(__i386__)
 #define VEMOPROC_WIDE_TARGET __attribute__((target("avx2")))
 #define VEMOPROC_HAS_WIDE 1
@@ -80,6 +84,7 @@ void for_row_bands(int rows, int64_t pixels, const Fn& fn) {
 struct LinearAxis {
   std::vector<int32_t> i0, i1;
   std::vector<int16_t> w0, w1;
+  std::vector<int32_t> pair;  // w0 in the low 16 bits, w1 in the high 16 bits
 };
 
 // OpenCV's coefficients: scale = 1 / (dst / src) in double, the source
@@ -93,6 +98,7 @@ LinearAxis linear_axis(int src, int dst, bool clamp_position) {
   a.i1.resize(dst);
   a.w0.resize(dst);
   a.w1.resize(dst);
+  a.pair.resize(dst);
   for (int d = 0; d < dst; ++d) {
     float f = static_cast<float>((d + 0.5) * scale - 0.5);
     int s = static_cast<int>(std::floor(f));
@@ -105,24 +111,55 @@ LinearAxis linear_axis(int src, int dst, bool clamp_position) {
     a.i1[d] = std::clamp(s + 1, 0, src - 1);
     a.w0[d] = static_cast<int16_t>(std::nearbyint((1.f - f) * 2048.f));
     a.w1[d] = static_cast<int16_t>(std::nearbyint(f * 2048.f));
+    a.pair[d] = static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint16_t>(a.w0[d])) |
+                                     (static_cast<uint32_t>(static_cast<uint16_t>(a.w1[d])) << 16));
   }
   return a;
 }
 
-// One source row resampled horizontally, kept as (sum >> 4) in 16 bits: the
-// form OpenCV's vertical step reads.
-template <int Cn>
-VEMOPROC_ROW_LOOP void linear_row(const uint8_t* s, const LinearAxis& ax, int dw, int16_t* t) {
+// R source rows (1 or 2, sharing the weights) resampled horizontally, kept
+// as (sum >> 4) in 16 bits: the form OpenCV's vertical step reads. Each
+// buffer t[r] holds one slot more than the row (the vector loop stores four
+// samples a pixel).
+template <int Cn, int R>
+VEMOPROC_ROW_LOOP void linear_row(const uint8_t* const* s, int sw, const LinearAxis& ax, int dw,
+                                  int16_t* const* t) {
   const int32_t* i0 = ax.i0.data();
   const int32_t* i1 = ax.i1.data();
   const int16_t* w0 = ax.w0.data();
   const int16_t* w1 = ax.w1.data();
-  for (int dx = 0; dx < dw; ++dx, t += Cn) {
-    const uint8_t* p0 = s + i0[dx] * Cn;
-    const uint8_t* p1 = s + i1[dx] * Cn;
-    for (int c = 0; c < Cn; ++c)
-      t[c] = static_cast<int16_t>((p0[c] * w0[dx] + p1[c] * w1[dx]) >> 4);
+  int dx = 0;
+#if defined(__SSE2__)
+  if (Cn >= 3) {
+    // One pixel a step: both source pixels widened to 16 bits and
+    // interleaved, so one multiply-add gives p0 * w0 + p1 * w1 per channel.
+    // Four bytes are read per source pixel: pixels whose fourth byte lies
+    // past the row are left to the scalar loop (the indices only grow).
+    const __m128i zero = _mm_setzero_si128();
+    const int32_t last_read = sw * Cn - 4;
+    for (; dx < dw && i1[dx] * Cn <= last_read; ++dx) {
+      const __m128i w = _mm_set1_epi32(ax.pair[dx]);
+      const int32_t o0 = i0[dx] * Cn, o1 = i1[dx] * Cn;
+      for (int r = 0; r < R; ++r) {
+        uint32_t b0, b1;
+        std::memcpy(&b0, s[r] + o0, 4);
+        std::memcpy(&b1, s[r] + o1, 4);
+        const __m128i p0 = _mm_unpacklo_epi8(_mm_cvtsi32_si128(static_cast<int>(b0)), zero);
+        const __m128i p1 = _mm_unpacklo_epi8(_mm_cvtsi32_si128(static_cast<int>(b1)), zero);
+        const __m128i sum = _mm_srai_epi32(_mm_madd_epi16(_mm_unpacklo_epi16(p0, p1), w), 4);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(t[r] + dx * Cn), _mm_packs_epi32(sum, sum));
+      }
+    }
   }
+#endif
+  (void)sw;
+  for (; dx < dw; ++dx)
+    for (int r = 0; r < R; ++r) {
+      const uint8_t* p0 = s[r] + i0[dx] * Cn;
+      const uint8_t* p1 = s[r] + i1[dx] * Cn;
+      for (int c = 0; c < Cn; ++c)
+        t[r][dx * Cn + c] = static_cast<int16_t>((p0[c] * w0[dx] + p1[c] * w1[dx]) >> 4);
+    }
 }
 
 // dst = (((b0 * t0) >> 16) + ((b1 * t1) >> 16) + 2) >> 2, saturated.
@@ -140,21 +177,31 @@ template <int Cn>
 VEMOPROC_ROW_LOOP void linear_band(const Planes& p, const LinearAxis& xs, const LinearAxis& ys,
                                    int first, int last) {
   const int n = p.dst_w * Cn;
-  // The two most recent horizontal rows, by source row index.
-  std::vector<int16_t> rows[2] = {std::vector<int16_t>(n), std::vector<int16_t>(n)};
+  // The horizontal rows of the two source rows last used, by source index.
+  std::vector<int16_t> buffers[2] = {std::vector<int16_t>(n + 1), std::vector<int16_t>(n + 1)};
+  int16_t* rows[2] = {buffers[0].data(), buffers[1].data()};
   int held[2] = {-1, -1};
-  const auto row = [&](int sy) -> const int16_t* {
-    for (int k = 0; k < 2; ++k)
-      if (held[k] == sy) return rows[k].data();
-    // Replace the slot the other needed row is not in.
-    const int k = held[0] == -1 ? 0 : (held[1] == -1 ? 1 : (held[0] < held[1] ? 0 : 1));
-    linear_row<Cn>(p.src + static_cast<size_t>(sy) * p.src_stride, xs, p.dst_w, rows[k].data());
-    held[k] = sy;
-    return rows[k].data();
-  };
+  const auto src = [&](int sy) { return p.src + static_cast<size_t>(sy) * p.src_stride; };
   for (int dy = first; dy < last; ++dy) {
-    const int16_t* t0 = row(ys.i0[dy]);
-    const int16_t* t1 = row(ys.i1[dy]);
+    const int y0 = ys.i0[dy];
+    const int y1 = ys.i1[dy];
+    // Row indices only grow, so a row no longer needed is the smaller one.
+    if (held[0] != y0 && held[1] != y0 && held[0] != y1 && held[1] != y1 && y0 != y1) {
+      const uint8_t* s[2] = {src(y0), src(y1)};
+      linear_row<Cn, 2>(s, p.src_w, xs, p.dst_w, rows);
+      held[0] = y0;
+      held[1] = y1;
+    } else {
+      for (int y : {y0, y1}) {
+        if (held[0] == y || held[1] == y) continue;
+        const int k = held[0] == y0 ? 1 : (held[1] == y0 ? 0 : (held[0] < held[1] ? 0 : 1));
+        const uint8_t* s[1] = {src(y)};
+        linear_row<Cn, 1>(s, p.src_w, xs, p.dst_w, &rows[k]);
+        held[k] = y;
+      }
+    }
+    const int16_t* t0 = rows[held[0] == y0 ? 0 : 1];
+    const int16_t* t1 = rows[held[0] == y1 ? 0 : 1];
     linear_blend(t0, t1, ys.w0[dy], ys.w1[dy], n, p.dst + static_cast<size_t>(dy) * p.dst_stride);
   }
 }
@@ -163,14 +210,28 @@ VEMOPROC_ROW_LOOP void linear_band(const Planes& p, const LinearAxis& xs, const 
 // each destination sample is the rounded mean of a 2 x 2 block.
 template <int Cn>
 VEMOPROC_ROW_LOOP void halve_band(const Planes& p, int first, int last) {
+  // Three straight passes the compiler vectorises: the two rows summed, then
+  // every sample with its right-hand neighbour pixel (also at the odd pixels,
+  // whose results are dropped), then the even pixels packed into the row.
+  const int n = 2 * p.dst_w * Cn;
+  std::vector<uint16_t> rows(n);
+  std::vector<uint8_t> means(n + 4);
   for (int dy = first; dy < last; ++dy) {
     const uint8_t* r0 = p.src + static_cast<size_t>(2 * dy) * p.src_stride;
     const uint8_t* r1 = r0 + p.src_stride;
+    uint16_t* v = rows.data();
+    for (int j = 0; j < n; ++j) v[j] = static_cast<uint16_t>(r0[j] + r1[j]);
+    uint8_t* m = means.data();
+    for (int j = 0; j < n - Cn; ++j) m[j] = static_cast<uint8_t>((v[j] + v[j + Cn] + 2) >> 2);
     uint8_t* d = p.dst + static_cast<size_t>(dy) * p.dst_stride;
-    for (int dx = 0; dx < p.dst_w; ++dx, r0 += 2 * Cn, r1 += 2 * Cn, d += Cn) {
-      for (int c = 0; c < Cn; ++c) {
-        d[c] = static_cast<uint8_t>((r0[c] + r0[c + Cn] + r1[c] + r1[c + Cn] + 2) >> 2);
-      }
+    if (Cn == 1) {
+      for (int dx = 0; dx < p.dst_w; ++dx) d[dx] = m[2 * dx];
+    } else {
+      // Four bytes a pixel: a three-byte pixel's fourth byte is overwritten
+      // by the next pixel; the last pixel is copied exactly.
+      int dx = 0;
+      for (; dx + 1 < p.dst_w; ++dx) std::memcpy(d + dx * Cn, m + 2 * dx * Cn, 4);
+      std::memcpy(d + dx * Cn, m + 2 * dx * Cn, Cn);
     }
   }
 }
