@@ -9,6 +9,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include <algorithm>
+#include <cmath>
 #include <array>
 #include <filesystem>
 #include <fstream>
@@ -251,6 +252,39 @@ void BM_ResizeLinear640_OpenCV(benchmark::State& state) { resize_opencv(state, 6
 void BM_ResizeLinear960_Ours(benchmark::State& state) { resize_ours(state, 960, 540); }
 void BM_ResizeLinear960_OpenCV(benchmark::State& state) { resize_opencv(state, 960, 540); }
 
+// The Python pipeline's whole detection preprocess of the encoded 1080p JPEG:
+// the library's MatchPython form, and the same steps in OpenCV (imdecode,
+// resize, copyMakeBorder, blobFromImage with the swap to RGB and / 255).
+void BM_PreprocessPython_Ours(benchmark::State& state) {
+  const std::vector<yolo::EncodedImage> files = {{jpeg_bytes().data(), jpeg_bytes().size()}};
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(
+        yolo::preprocess_encoded(files, {kBox, kBox}, vemoproc::Pipeline::MatchPython));
+  }
+}
+void BM_PreprocessPython_OpenCV(benchmark::State& state) {
+  const cv::Mat b(1, static_cast<int>(jpeg_bytes().size()), CV_8UC1,
+                  const_cast<uint8_t*>(jpeg_bytes().data()));
+  for (auto _ : state) {
+    const cv::Mat im = cv::imdecode(b, cv::IMREAD_COLOR);
+    const double r =
+        std::min(static_cast<double>(kBox) / im.rows, static_cast<double>(kBox) / im.cols);
+    const int w = static_cast<int>(std::nearbyint(im.cols * r));
+    const int h = static_cast<int>(std::nearbyint(im.rows * r));
+    cv::Mat resized;
+    cv::resize(im, resized, cv::Size(w, h), 0, 0, cv::INTER_LINEAR);
+    const double dw = (kBox - w) / 2.0;
+    const double dh = (kBox - h) / 2.0;
+    cv::Mat boxed;
+    cv::copyMakeBorder(
+        resized, boxed, static_cast<int>(std::nearbyint(dh - 0.1)),
+        static_cast<int>(std::nearbyint(dh + 0.1)), static_cast<int>(std::nearbyint(dw - 0.1)),
+        static_cast<int>(std::nearbyint(dw + 0.1)), cv::BORDER_CONSTANT, cv::Scalar(114, 114, 114));
+    benchmark::DoNotOptimize(
+        cv::dnn::blobFromImage(boxed, 1.0 / 255.0, cv::Size(), cv::Scalar(), true, false));
+  }
+}
+
 // --- A batch of 8 files, 1 and 2 threads ------------------------------------
 
 void batch_ours(benchmark::State& state, int threads) {
@@ -289,6 +323,8 @@ BENCHMARK(BM_ResizeLinear640_Ours)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ResizeLinear640_OpenCV)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ResizeLinear960_Ours)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ResizeLinear960_OpenCV)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PreprocessPython_Ours)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PreprocessPython_OpenCV)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Batch8_Ours_1Thread)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Batch8_Ours_2Threads)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Batch8_OpenCV_1Thread)->Unit(benchmark::kMillisecond);
@@ -307,6 +343,7 @@ int main(int argc, char** argv) {
                           {"BM_ReferenceDecode_Ours", "BM_ReferenceDecode_OpenCV", 1.05},
                           {"BM_ResizeLinear640_Ours", "BM_ResizeLinear640_OpenCV", 1.2},
                           {"BM_ResizeLinear960_Ours", "BM_ResizeLinear960_OpenCV", 1.2},
+                          {"BM_PreprocessPython_Ours", "BM_PreprocessPython_OpenCV", 1.0},
                           {"BM_Batch8_Ours_2Threads", "BM_Batch8_Ours_1Thread", 0.6},
                           {"BM_Batch8_Ours_1Thread", "BM_Batch8_OpenCV_1Thread", 0.0},
                           {"BM_Batch8_Ours_2Threads", "BM_Batch8_OpenCV_2Threads", 0.0}});
