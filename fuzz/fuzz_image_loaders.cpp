@@ -1,5 +1,5 @@
 // Every image loader on fuzzed file bytes: decode_image from memory (with and
-// without EXIF orientation), then the bytes go to a file and through
+// without EXIF orientation, and the reference decoder), then the bytes go to a file and through
 // yolo::RawImage, ConvNeXt and Zentil process, and the Qwen2-VL load_image
 // and preprocess. Decoding either succeeds or throws.
 #include <unistd.h>
@@ -33,6 +33,8 @@ void expect_runtime_error_or_success(F&& f) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   expect_runtime_error_or_success([&] { vemoproc::decode_image(data, size, size % 2 == 0); });
+  expect_runtime_error_or_success(
+      [&] { vemoproc::decode_image(data, size, vemoproc::Decoder::Reference); });
   const std::string& path = scratch_path();
   std::FILE* f = std::fopen(path.c_str(), "wb");
   if (f == nullptr) return 0;

@@ -573,14 +573,6 @@ DecodedRgb decode_rgb(const uint8_t* bytes, size_t size, std::string* reason) {
   return result;
 }
 
-int jpeg_exif_orientation(const uint8_t* bytes, size_t size) {
-  return exif_orientation(bytes, size);
-}
-
-Image orient(Image image, int orientation) {
-  return apply_orientation(std::move(image), orientation);
-}
-
 DecodedRgb load_rgb_file(const std::string& path) {
   std::vector<uint8_t> bytes;
   if (!read_file(path, bytes)) return DecodedRgb{};
@@ -618,6 +610,14 @@ RgbSource::RgbSource(const uint8_t* rgb, int width, int height, size_t stride)
       width_(width),
       height_(height),
       stride_(stride != 0 ? stride : static_cast<size_t>(width) * 3u) {}
+
+int jpeg_exif_orientation(const uint8_t* bytes, size_t size) {
+  return exif_orientation(bytes, size);
+}
+
+Image orient(Image image, int orientation) {
+  return apply_orientation(std::move(image), orientation);
+}
 
 }  // namespace detail
 

@@ -116,7 +116,9 @@ void cmyk_to_rgb(uint8_t* p, size_t pixels) {
 Image decode_jpeg(const uint8_t* bytes, size_t size) {
   JpegReader jpeg;
   if (!jpeg.read_header(bytes, size)) fail(jpeg.message());
-  // The budget is checked from the header, before any pixel memory exists.
+  // The build's side cap (stb's limit for the other decoders) and the
+  // budget are checked from the header, before any pixel memory exists.
+  if (jpeg.width() > STBI_MAX_DIMENSIONS || jpeg.height() > STBI_MAX_DIMENSIONS) fail("too large");
   if (!detail::within_pixel_budget(jpeg.width(), jpeg.height())) {
     fail(std::to_string(jpeg.width()) + " x " + std::to_string(jpeg.height()) +
          " pixels exceed the image pixel budget of " + std::to_string(max_image_pixels()));
