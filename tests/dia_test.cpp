@@ -177,8 +177,8 @@ TEST(DiaSample, GreedyIgnoresFiltersAndPrefersLowestIndex) {
 // (checked against the standard's 10000th output), u = top 24 bits * 2^-24,
 // first running float sum above u * total over the filtered softmax. Every
 // row's u lies at least 1e-5 away from a cumulative boundary. Row r of a
-// batch draws with seed + r. Filters that
-// leave a single token give it on every row, also without a seed.
+// batch draws with seed + r. Filters that leave a single token give it on
+// every row, also without a seed.
 TEST(DiaSeededSample, PinnedCodes) {
   const std::vector<float> four{1.0f, 2.0f, 0.5f, 3.0f};  // p 0.085 0.232 0.052 0.631
   const std::vector<float> p532{std::log(0.2f), std::log(0.5f), std::log(0.3f)};
@@ -238,10 +238,10 @@ TEST(DiaSample, NucleusLongerThanOneSelectionChunk) {
 }
 
 TEST(DiaSample, RejectsRowsWithoutADistribution) {
+  const xt::xarray<float> two = {{0, 1}};
   for (float min_p : {-0.1f, 1.5f, NAN}) {
-    EXPECT_EQ(error_of([&] {
-                dp.sampleNextToken(xt::xarray<float>{{0, 1}}, {1, 1, 0, min_p}, 1);
-              }),
+    const dia::SamplingParams p{1, 1, 0, min_p};
+    EXPECT_EQ(error_of([&] { dp.sampleNextToken(two, p, 1); }),
               "sampleNextToken(): min_p must lie in [0, 1]");
   }
   const xt::xarray<float> bad[] = {xt::xarray<float>{{0, NAN}}, xt::xarray<float>{{0, kInf}},
@@ -251,7 +251,7 @@ TEST(DiaSample, RejectsRowsWithoutADistribution) {
     EXPECT_THROW(dp.sampleNextToken(logits, 1.0f, 0.5f, 2), std::runtime_error) << logits;
     EXPECT_THROW(dp.sampleNextToken(logits, 1.0f, 0.5f, 2, 1), std::runtime_error) << logits;
   }
-  EXPECT_THROW(dp.sampleNextToken(xt::xarray<float>{{0, 1}}, NAN, 1.0f, 0), std::runtime_error);
+  EXPECT_THROW(dp.sampleNextToken(two, NAN, 1.0f, 0), std::runtime_error);
   EXPECT_THROW(dp.sampleNextToken(xt::zeros<float>({2, 0}), 0.0f, 1.0f, 0), std::runtime_error);
 }
 
@@ -267,15 +267,13 @@ TEST(DiaMask, EqualityOfMasksWithOptionalCausalLimit) {
             (std::vector<size_t>{3, 1, 0, 0}));
   EXPECT_EQ(error_of([&] { dp.createAttnMask(q, k, true); }),
             "Causal mask requires query and key sequence lengths to be equal");
+  const Mask two_rows = xt::ones<bool>({2, 1}), three_rows = xt::ones<bool>({3, 1});
   for (bool causal : {false, true}) {
-    EXPECT_EQ(error_of([&] {
-                dp.createAttnMask(xt::ones<bool>({2, 1}), xt::ones<bool>({3, 1}), causal);
-              }),
+    EXPECT_EQ(error_of([&] { dp.createAttnMask(two_rows, three_rows, causal); }),
               "Query and key batch dimensions must match");
   }
-  EXPECT_THAT(error_of([&] {
-                dp.createAttnMask(Mask{1, 1}, pad, false);
-              }),
+  const Mask flat = {1, 1};
+  EXPECT_THAT(error_of([&] { dp.createAttnMask(flat, pad, false); }),
               testing::HasSubstr("query_mask"));
 }
 
@@ -292,11 +290,9 @@ TEST(DiaGuidance, CfgCombinesInFloatInTheStatedOrder) {
     std::memcpy(&f, &bits, sizeof f);
     return f;
   };
-  const xt::xarray<float> one = {1.0f}, uncond_bits = {from_bits(0x3c7efa40)};
+  const xt::xarray<float> one = {1.0f}, uncond_bits = {from_bits(0x3c7efa40)}, row = {{1, 2}};
   EXPECT_EQ(dp.applyCfg(one, uncond_bits, 1.5f)(0), from_bits(0x401e8188));
-  EXPECT_EQ(error_of([&] {
-              dp.applyCfg(cond, xt::xarray<float>{{1.0f, 2.0f}}, 1.0f);
-            }),
+  EXPECT_EQ(error_of([&] { dp.applyCfg(cond, row, 1.0f); }),
             "applyCfg(): uncond must have the shape of cond");
 }
 
@@ -312,10 +308,9 @@ TEST(DiaGuidance, MaskLeavesEosToChannelZeroOnly) {
     EXPECT_EQ(error_of([&] { dp.maskAudioLogits(last, eos); }),
               "maskAudioLogits(): eos_value must lie in [0, V)");
   }
-  EXPECT_EQ(error_of([&] {
-              dp.maskAudioLogits(logits = {1, 2}, 0);
-            }),
+  xt::xarray<float> flat = {1, 2};
+  EXPECT_EQ(error_of([&] { dp.maskAudioLogits(flat, 0); }),
             "maskAudioLogits(): logits must be two-dimensional [C, V]");
   EXPECT_EQ(last, (xt::xarray<float>{{1, 2}, {3, x}}));
-  EXPECT_EQ(logits, (xt::xarray<float>{1, 2}));
+  EXPECT_EQ(flat, (xt::xarray<float>{1, 2}));
 }
