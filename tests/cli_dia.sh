@@ -3,39 +3,50 @@
 # standard-stream I/O. The library's arithmetic is checked in dia_test.
 source "$(dirname "${BASH_SOURCE[0]}")/cli_lib.sh"
 
-# dia-text prints the tokens, or writes uint8 .npy.
-out=$("$exe" dia-text "[S1] Hi [S2]" --max-len 7 --pad 7)
-[ "$out" = "1 32 72 105 32 2 7" ] || fail "dia-text printed '$out'"
-"$exe" dia-text "[S2]abc" --max-len 3 -o tokens.npy
-[ "$(descr tokens.npy) $(values tokens.npy u1)" = "|u1 2 97 98" ] || fail "dia-text wrote $(values tokens.npy u1)"
+# written FILE TYPE EXPECTED: an .npy file's element type and values.
+written() {
+  [ "$(descr "$1") $(values "$1" "$2" | tr -s ' ')" = "$3" ] || fail "$1: $(values "$1" "$2")"
+}
+# printed EXPECTED ARGS...: what a command prints, on one line.
+printed() {
+  local want=$1; shift
+  [ "$("$exe" "$@" | xargs)" = "$want" ] || fail "$* printed the wrong codes"
+}
 
-# dia-delay keeps the element type: int32 (apply, then --revert), int64, float32 (1.0 .. 4.0 as bits).
+# dia-text prints the tokens, or writes uint8 .npy.
+printed "1 32 72 105 32 2 7" dia-text "[S1] Hi [S2]" --max-len 7 --pad 7
+"$exe" dia-text "[S2]abc" --max-len 3 -o tokens.npy
+written tokens.npy u1 "|u1 2 97 98"
+
+# dia-delay keeps the element type: int32 (apply, then --revert), int64, float32 (1.0 .. 4.0).
 npy codes.npy '<i4' '(1, 4, 2)' 4 10 20 11 21 12 22 13 23
 "$exe" dia-delay codes.npy --delays 0,2 --bos 99 --pad 98 -o delayed.npy
-[ "$(descr delayed.npy) $(values delayed.npy d4)" = "<i4 10 99 11 99 12 20 13 21" ] || fail "delay: $(values delayed.npy d4)"
+written delayed.npy d4 "<i4 10 99 11 99 12 20 13 21"
 "$exe" dia-delay delayed.npy --delays 0,2 --pad 98 --revert -o reverted.npy
-[ "$(values reverted.npy d4)" = "10 20 11 21 12 21 13 21" ] || fail "revert: $(values reverted.npy d4)"
+written reverted.npy d4 "<i4 10 20 11 21 12 21 13 21"
 npy codes64.npy '<i8' '(1, 2, 2)' 8 -5 6 7 8
 "$exe" dia-delay codes64.npy --delays 1,0 --bos -1 --pad 0 -o delayed64.npy
-[ "$(descr delayed64.npy) $(values delayed64.npy d8)" = "<i8 -1 6 -5 8" ] || fail "int64: $(values delayed64.npy d8)"
+written delayed64.npy d8 "<i8 -1 6 -5 8"
 npy codesf.npy '<f4' '(1, 2, 2)' 4 0x3f800000 0x40000000 0x40400000 0x40800000
 "$exe" dia-delay codesf.npy --delays 0,1 --bos 9 --pad 8 -o delayedf.npy
-[ "$(descr delayedf.npy) $(values delayedf.npy f4 | tr -s ' ')" = "<f4 1 9 3 2" ] || fail "float32: $(values delayedf.npy f4)"
+written delayedf.npy f4 "<f4 1 9 3 2"
 
-# Codes float cannot hold exactly are refused instead of rounded; 2^24 passes.
+# Codes float cannot hold exactly are refused instead of rounded (below); 2^24 passes.
 npy exact.npy '<i4' '(1, 1, 1)' 4 16777216
 "$exe" dia-delay exact.npy --delays 0 --bos 1 --pad 0 -o exact_out.npy || fail "2^24 code"
 npy inexact64.npy '<i8' '(1, 2, 1)' 8 5 -16777217
-npy_custom inexactf8.npy 1 0 "{'descr': '<f8', 'fortran_order': False, 'shape': (1, 1, 1), }" 'd<*' 0.1
-npy_custom longaxis.npy 1 0 "{'descr': '<i4', 'fortran_order': False, 'shape': (1099511627776, 0, 1), }" 'l<*'
+dict="{'descr': '<f8', 'fortran_order': False, 'shape': (1, 1, 1), }"
+npy_custom inexactf8.npy 1 0 "$dict" 'd<*' 0.1
+npy_custom longaxis.npy 1 0 "${dict/(1, 1, 1)/(1099511627776, 0, 1)}" 'd<*'
 npy u16.npy '<u2' '(1, 1, 1)' 2 1
-# Seeded: eight rows [1, 2, 0.5, 3] with seed 2026 draw fixed codes (worked out by a reference engine).
+# Seeded: eight rows [1, 2, 0.5, 3] with seed 2026 draw fixed codes (worked out by a
+# reference engine); min-p 0.2 leaves codes 1 and 3.
 row="0x3f800000 0x40000000 0x3f000000 0x40400000"
 npy eight.npy '<f4' '(8, 4)' 4 $row $row $row $row $row $row $row $row
-[ "$("$exe" dia-sample eight.npy --temperature 0 | xargs)" = "3 3 3 3 3 3 3 3" ] || fail "greedy sample"
+printed "3 3 3 3 3 3 3 3" dia-sample eight.npy --temperature 0
 plain=(--temperature 1 --top-p 1 --top-k 0 --seed 2026)
-[ "$("$exe" dia-sample eight.npy "${plain[@]}" | xargs)" = "3 3 3 3 0 1 0 1" ] || fail "seeded"
-[ "$("$exe" dia-sample eight.npy "${plain[@]}" --min-p 0.2 | xargs)" = "3 3 3 3 1 3 1 3" ] || fail "seeded min-p"
+printed "3 3 3 3 0 1 0 1" dia-sample eight.npy "${plain[@]}"
+printed "3 3 3 3 1 3 1 3" dia-sample eight.npy "${plain[@]}" --min-p 0.2
 [ "$("$exe" dia-sample eight.npy --seed 18446744073709551615 | wc -l)" = 8 ] || fail "largest seed"
 
 # Usage errors: one line on stderr, exit status 1.
