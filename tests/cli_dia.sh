@@ -34,7 +34,6 @@ written delayedf.npy f4 "<f4 1 9 3 2"
 # Codes float cannot hold exactly are refused instead of rounded (below); 2^24 passes.
 npy exact.npy '<i4' '(1, 1, 1)' 4 16777216
 "$exe" dia-delay exact.npy --delays 0 --bos 1 --pad 0 -o exact_out.npy || fail "2^24 code"
-npy inexact64.npy '<i8' '(1, 2, 1)' 8 5 -16777217
 dict="{'descr': '<f8', 'fortran_order': False, 'shape': (1, 1, 1), }"
 npy_custom inexactf8.npy 1 0 "$dict" 'd<*' 0.1
 npy_custom longaxis.npy 1 0 "${dict/(1, 1, 1)/(1099511627776, 0, 1)}" 'd<*'
@@ -59,15 +58,12 @@ done <<'CASES'
 comma-separated|dia-delay codes.npy --delays 0,x --bos 1 --pad 0 -o x.npy
 no such file|dia-delay missing.npy --delays 0 --bos 1 --pad 0 -o x.npy
 expected int32|dia-delay u16.npy --delays 0 --bos 1 --pad 0 -o x.npy
-holds the code -16777217|dia-delay inexact64.npy --delays 0 --bos 1 --pad 0 -o x.npy
 holds the code 0.10000000000000001|dia-delay inexactf8.npy --delays 0 --bos 1 --pad 0 -o x.npy
 has an axis longer than 2147483647|dia-delay longaxis.npy --delays 0 --bos 1 --pad 0 -o x.npy
 --bos: expects an integer from -16777216 to 16777216|dia-delay codes.npy --delays 0,2 --bos 16777217 --pad 0 -o x.npy
---pad: expects an integer|dia-delay codes.npy --delays 0,2 --bos 1 --pad 2147483648 -o x.npy
 --max-len: expects an integer from 0 to 16777216|dia-text x --max-len 4294967296
 --top-k: expects an integer from 0 to|dia-sample eight.npy --top-k -1
 --temperature: expects a finite number|dia-sample eight.npy --temperature inf
---top-p: expects a finite number|dia-sample eight.npy --top-p nan
 requires --seed|dia-sample eight.npy --min-p 0.1
 min_p must lie in|dia-sample eight.npy --seed 1 --min-p 2
 expects an integer|dia-sample eight.npy --seed -1
