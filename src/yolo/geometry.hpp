@@ -47,6 +47,13 @@ struct Mapping {
   float y(float v) const { return std::min(std::max(y_unclipped(v), 0.0f), height); }
 };
 
+// A working-table row (x1, y1, x2, y2, score, class in network pixels) mapped
+// back and clipped; the class truncated toward zero.
+inline Detection map_box(const float* row, const Mapping& map) {
+  return {map.x(row[0]), map.y(row[1]), map.x(row[2]),
+          map.y(row[3]), row[4],        saturating_int(row[5])};
+}
+
 // Undoing a letterbox divides by its sizes.
 inline void check_geometry(const LetterboxInfo& g, const std::string& function, const char* name) {
   if (g.original_width < 1 || g.original_height < 1 || g.new_width < 1 || g.new_height < 1) {

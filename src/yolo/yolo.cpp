@@ -19,6 +19,7 @@
 #include "geometry.hpp"
 #include "nms.hpp"
 #include "pack.hpp"
+#include "palette.hpp"
 #include "select.hpp"
 
 namespace yolo {
@@ -247,11 +248,6 @@ using internal::HeadView;
 using internal::kCols;
 using internal::Mapping;
 
-Detection unletterbox(const float* row, const Mapping& map) {
-  return {map.x(row[0]), map.y(row[1]), map.x(row[2]),
-          map.y(row[3]), row[4],        saturating_int(row[5])};
-}
-
 // Selection, NMS and mapping for one image of the geometry overloads.
 std::vector<Detection> detect(const HeadView& head, const LetterboxInfo& letterbox,
                               const PostprocessOptions& options) {
@@ -260,7 +256,7 @@ std::vector<Detection> detect(const HeadView& head, const LetterboxInfo& letterb
   std::vector<Detection> detections;
   detections.reserve(kept.size());
   for (size_t k = 0; k < kept.table.size(); k += kCols) {
-    detections.push_back(unletterbox(kept.table.data() + k, map));
+    detections.push_back(internal::map_box(kept.table.data() + k, map));
   }
   return detections;
 }
@@ -365,7 +361,7 @@ std::vector<Detection> postprocess_end2end(const xt::xtensor<float, 2>& rows,
   std::vector<Detection> detections;
   for (size_t i = 0; i < n; ++i) {
     const float* row = rows.data() + i * c;
-    if (row[4] > conf_threshold) detections.push_back(unletterbox(row, map));
+    if (row[4] > conf_threshold) detections.push_back(internal::map_box(row, map));
   }
   return detections;
 }
@@ -376,12 +372,7 @@ std::vector<Detection> postprocess_end2end(const xt::xtensor<float, 2>& rows,
 
 namespace {
 
-constexpr uint8_t kColorTable[20][3] = {
-    {4, 42, 255},    {11, 219, 235}, {243, 243, 243}, {0, 223, 183},  {17, 31, 104},
-    {255, 111, 221}, {255, 68, 79},  {204, 237, 0},   {0, 243, 68},   {189, 0, 255},
-    {0, 180, 255},   {221, 0, 186},  {0, 255, 255},   {38, 192, 0},   {1, 255, 179},
-    {125, 36, 255},  {123, 0, 104},  {255, 27, 108},  {252, 109, 47}, {162, 255, 11},
-};
+using internal::kColorTable;
 
 struct Canvas {
   RawImage& image;
