@@ -31,7 +31,7 @@ namespace yolo {
 // 1 inside the instance and 0 outside, for the pixels (x0 + col, y0 + row) of the
 // frame it was computed in (original image, or network input for
 // segment_input_masks). Pixels outside the region are outside the instance.
-struct InstanceMask {
+struct VEMOPROC_API InstanceMask {
   int x0 = 0;
   int y0 = 0;
   int width = 0;
