@@ -22,20 +22,42 @@ constexpr float kEps = 1e-7f;
 
 using RBox = std::array<float, 5>;  // cx, cy, w, h, angle
 
-struct Covariance {
+// A rotated box as the probabilistic IoU sees it: its centre, the covariance
+// (a, b, c) of a uniform box, and max(a b - c^2, 0), computed once per box.
+struct Gaussian {
+  float x;
+  float y;
   float a;
   float b;
   float c;
+  float det;
 };
 
-Covariance covariance(const RBox& r) {
+Gaussian gaussian(const RBox& r) {
   const float a = r[2] * r[2] / 12.0f;
   const float b = r[3] * r[3] / 12.0f;
   const float cs = std::cos(r[4]);
   const float sn = std::sin(r[4]);
   const float cos2 = cs * cs;
   const float sin2 = sn * sn;
-  return {a * cos2 + b * sin2, a * sin2 + b * cos2, (a - b) * cs * sn};
+  Gaussian g{r[0], r[1], a * cos2 + b * sin2, a * sin2 + b * cos2, (a - b) * cs * sn, 0.0f};
+  g.det = std::max(g.a * g.b - g.c * g.c, 0.0f);
+  return g;
+}
+
+float probiou(const Gaussian& p, const Gaussian& q) {
+  const float A = p.a + q.a;
+  const float B = p.b + q.b;
+  const float C = p.c + q.c;
+  const float D = A * B - C * C;
+  const float dy = p.y - q.y;
+  const float dx = p.x - q.x;
+  const float t1 = (A * (dy * dy) + B * (dx * dx)) / (D + kEps) * 0.25f;
+  const float t2 = C * (q.x - p.x) * (p.y - q.y) / (D + kEps) * 0.5f;
+  const float t3 = std::log(D / (4.0f * std::sqrt(p.det * q.det) + kEps) + kEps) * 0.5f;
+  const float bd = std::min(std::max(t1 + t2 + t3, kEps), 100.0f);
+  const float hd = std::sqrt(1.0f - std::exp(-bd) + kEps);
+  return 1.0f - hd;
 }
 
 // True when boxes a and b are far enough apart that their probabilistic IoU is
@@ -93,9 +115,11 @@ std::vector<OrientedDetection> obb_one(const HeadView& head, const LetterboxInfo
       head,
       {options.conf_threshold, options.objectness, options.classes, options.max_candidates, 1});
   std::vector<RBox> boxes(found.size());
+  std::vector<Gaussian> gaussians(found.size());
   for (size_t k = 0; k < found.size(); ++k) {
     const size_t i = found.source[k];
     boxes[k] = {head.at(i, 0), head.at(i, 1), head.at(i, 2), head.at(i, 3), head.at(i, head.c - 1)};
+    gaussians[k] = gaussian(boxes[k]);
   }
   const float thr = options.iou_threshold;
   const double complement = 1.0 - static_cast<double>(thr);
@@ -105,7 +129,7 @@ std::vector<OrientedDetection> obb_one(const HeadView& head, const LetterboxInfo
   const std::vector<size_t> keep = internal::greedy_nms(
       found.table.data(), found.size(), options.max_det, true, neighbours, [&](size_t a, size_t b) {
         if (certainly_apart(boxes[a], boxes[b], max_distance)) return false;
-        return probabilistic_iou(boxes[a], boxes[b]) >= thr;
+        return probiou(gaussians[a], gaussians[b]) >= thr;
       });
   const Mapping map(g);
   std::vector<OrientedDetection> out;
@@ -120,22 +144,7 @@ std::vector<OrientedDetection> obb_one(const HeadView& head, const LetterboxInfo
 }  // namespace
 
 float probabilistic_iou(const std::array<float, 5>& p, const std::array<float, 5>& q) {
-  const Covariance c1 = covariance(p);
-  const Covariance c2 = covariance(q);
-  const float A = c1.a + c2.a;
-  const float B = c1.b + c2.b;
-  const float C = c1.c + c2.c;
-  const float D = A * B - C * C;
-  const float dy = p[1] - q[1];
-  const float dx = p[0] - q[0];
-  const float t1 = (A * (dy * dy) + B * (dx * dx)) / (D + kEps) * 0.25f;
-  const float t2 = C * (q[0] - p[0]) * (p[1] - q[1]) / (D + kEps) * 0.5f;
-  const float det1 = std::max(c1.a * c1.b - c1.c * c1.c, 0.0f);
-  const float det2 = std::max(c2.a * c2.b - c2.c * c2.c, 0.0f);
-  const float t3 = std::log(D / (4.0f * std::sqrt(det1 * det2) + kEps) + kEps) * 0.5f;
-  const float bd = std::min(std::max(t1 + t2 + t3, kEps), 100.0f);
-  const float hd = std::sqrt(1.0f - std::exp(-bd) + kEps);
-  return 1.0f - hd;
+  return probiou(gaussian(p), gaussian(q));
 }
 
 std::vector<OrientedDetection> postprocess_obb(const xt::xtensor<float, 2>& head,
