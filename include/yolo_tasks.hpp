@@ -71,13 +71,17 @@ struct SegmentedDetection {
 //   the box: x1 <= col < x2 and y1 <= row < y2 with the mapped, clipped box, so the
 //   mask region is columns ceil(x1) .. ceil(x2) - 1 and rows likewise.
 // Work and memory grow with the boxes' areas, never with N times the image.
-// Against the reference default (upsample the logits to the network input, threshold,
-// crop there, then scale to the original) the masks differ only along edges where the
-// two samplings straddle 0; tests hold the mean IoU per instance at 0.98 or more.
+// Against the reference default (upsample the logits to the network input, threshold at 0,
+// crop with the network box there, then scale to the original) the masks differ only along
+// edges: where the two samplings (original-pixel centres here, input pixels there) straddle
+// 0, and where the box crop falls between input pixels. The tests hold the mean IoU per
+// object at 0.98 or more. The reference's older orders (crop at prototype resolution before
+// upsampling, which leaks past the box, or a 0.5 threshold on interpolated sigmoids) differ
+// further.
 // Detections whose mask is empty are kept (box and empty mask).
-// With outlines, each mask's outer boundaries are traced (8-connected components,
-// border pixels' corners walked clockwise, straight runs merged) and given in
-// original pixels.
+// With outlines, each mask's outer boundaries: the 4-connected components' borders walked
+// along pixel edges with the inside on the right (clockwise on screen), straight runs
+// merged, vertices on pixel corners in original pixels; holes are left out.
 // Throws std::runtime_error naming `head` when it has too few columns for the m
 // coefficients, naming `protos` for an empty prototype tensor, and naming
 // `letterbox` for a size below 1.
@@ -237,8 +241,9 @@ struct ClassScore {
 };
 
 // The top_k classes (all of them when fewer) by descending score, equal scores in
-// ascending class order, NaN scores last. With apply_softmax the scores first
-// become probabilities: m = max, e[i] = exp(s[i] - m) in float, sum = e[0] + e[1]
+// ascending class order, NaN scores last (with a NaN score the softmax gives NaN). With
+// apply_softmax the scores first become probabilities: m = max, e[i] = exp(s[i] - m) in float, sum
+// = e[0] + e[1]
 // + ... in index order, p[i] = e[i] / sum.
 // Exported classification heads usually end in a softmax already: asking for
 // another flattens the ranking's scores toward 1 / classes (the order stays, the
