@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstddef>
 #include <limits>
+#include <map>
 #include <numeric>
 #include <vector>
 
@@ -26,24 +27,42 @@ inline std::vector<size_t> score_order(const float* rows, size_t m) {
 }
 
 // Every later box in score order that is not yet out, of a's class unless
-// agnostic: the pairs tested when no index can prune them.
-struct AllLaterBoxes {
-  const float* rows;
-  bool agnostic;
+// agnostic: the pairs tested when no index can prune them. The boxes of each
+// class are listed in score order on first use, so a box walks its own class.
+class AllLaterBoxes {
+ public:
+  AllLaterBoxes(const float* rows, size_t m, bool agnostic)
+      : agnostic_(agnostic), class_(m), list_(m), position_(m) {
+    for (size_t i = 0; i < m; ++i) class_[i] = agnostic ? 0 : saturating_int(rows[i * kCols + 5]);
+  }
 
   void remove(size_t) {}
   bool indexed(size_t) const { return true; }
   template <class F>
-  void for_each_candidate(size_t a, const std::vector<size_t>& order, size_t p,
+  void for_each_candidate(size_t a, const std::vector<size_t>& order, size_t,
                           const std::vector<char>& out, F&& visit) {
-    const int class_a = saturating_int(rows[a * kCols + 5]);
-    for (size_t q = p + 1; q < order.size(); ++q) {
-      const size_t b = order[q];
-      if (out[b]) continue;
-      if (!agnostic && saturating_int(rows[b * kCols + 5]) != class_a) continue;
-      visit(b);
+    if (lists_.empty()) {
+      std::map<int, size_t> which;
+      for (const size_t b : order) {
+        const auto found = which.emplace(class_[b], lists_.size());
+        if (found.second) lists_.emplace_back();
+        list_[b] = found.first->second;
+        position_[b] = lists_[list_[b]].size();
+        lists_[list_[b]].push_back(b);
+      }
+    }
+    const std::vector<size_t>& same = lists_[list_[a]];
+    for (size_t q = position_[a] + 1; q < same.size(); ++q) {
+      if (!out[same[q]]) visit(same[q]);
     }
   }
+
+ private:
+  bool agnostic_;
+  std::vector<int> class_;
+  std::vector<size_t> list_;      // per box: its class's list
+  std::vector<size_t> position_;  // per box: its place in that list
+  std::vector<std::vector<size_t>> lists_;
 };
 
 // The skeleton. Walks the rows by descending score; a row not yet suppressed
@@ -247,7 +266,7 @@ inline std::vector<size_t> nms_boxes(const float* rows, size_t m, float iou_thre
   if (iou_threshold < 0.0f) {
     // IoU 0 is above a negative threshold: disjoint boxes suppress each other
     // too, so every later pair is tested.
-    AllLaterBoxes all{rows, agnostic};
+    AllLaterBoxes all(rows, m, agnostic);
     return greedy_nms(rows, m, max_det, false, all, suppresses);
   }
   OverlapIndex index(rows, m, agnostic);

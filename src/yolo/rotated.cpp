@@ -60,21 +60,29 @@ float probiou(const Gaussian& p, const Gaussian& q) {
   return 1.0f - hd;
 }
 
+// What the far-apart test needs of a box: its centre, and the trace of its
+// covariance (w^2 + h^2) / 12; boxes of other sizes than [1, 1e6] get a NaN
+// trace and are always computed.
+struct Extent {
+  double x;
+  double y;
+  double trace;
+};
+
+Extent extent(const RBox& r) {
+  const bool sensible = r[2] >= 1.0f && r[3] >= 1.0f && r[2] <= 1e6f && r[3] <= 1e6f;
+  const double w = r[2];
+  const double h = r[3];
+  return {r[0], r[1], sensible ? (w * w + h * h) / 12.0 : std::nan("")};
+}
+
 // True when boxes a and b are far enough apart that their probabilistic IoU is
 // certainly below a threshold whose distance bound is max_distance: the
 // Bhattacharyya distance is at least |d|^2 / (4 trace(Sa + Sb)), with margin.
-// Only boxes of sensible sizes qualify; the others are always computed.
-bool certainly_apart(const RBox& a, const RBox& b, double max_distance) {
-  const auto sensible = [](const RBox& r) {
-    return r[2] >= 1.0f && r[3] >= 1.0f && r[2] <= 1e6f && r[3] <= 1e6f;
-  };
-  if (!(max_distance > 0.0) || !sensible(a) || !sensible(b)) return false;
-  const double dx = static_cast<double>(a[0]) - b[0];
-  const double dy = static_cast<double>(a[1]) - b[1];
-  const double trace = (static_cast<double>(a[2]) * a[2] + static_cast<double>(a[3]) * a[3] +
-                        static_cast<double>(b[2]) * b[2] + static_cast<double>(b[3]) * b[3]) /
-                       12.0;
-  return dx * dx + dy * dy > 4.0 * (max_distance + 1.0) * trace;
+bool certainly_apart(const Extent& a, const Extent& b, double max_distance) {
+  const double dx = a.x - b.x;
+  const double dy = a.y - b.y;
+  return dx * dx + dy * dy > 4.0 * (max_distance + 1.0) * (a.trace + b.trace);
 }
 
 // The remainder of t modulo p in [0, p).
@@ -116,19 +124,23 @@ std::vector<OrientedDetection> obb_one(const HeadView& head, const LetterboxInfo
       {options.conf_threshold, options.objectness, options.classes, options.max_candidates, 1});
   std::vector<RBox> boxes(found.size());
   std::vector<Gaussian> gaussians(found.size());
+  std::vector<Extent> extents(found.size());
   for (size_t k = 0; k < found.size(); ++k) {
     const size_t i = found.source[k];
     boxes[k] = {head.at(i, 0), head.at(i, 1), head.at(i, 2), head.at(i, 3), head.at(i, head.c - 1)};
     gaussians[k] = gaussian(boxes[k]);
+    extents[k] = extent(boxes[k]);
   }
   const float thr = options.iou_threshold;
   const double complement = 1.0 - static_cast<double>(thr);
   const double max_distance =
       thr > 0.0f && thr <= 1.0f ? -std::log(1.0 - complement * complement) : -1.0;
-  internal::AllLaterBoxes neighbours{found.table.data(), options.agnostic};
+  internal::AllLaterBoxes neighbours(found.table.data(), found.size(), options.agnostic);
   const std::vector<size_t> keep = internal::greedy_nms(
       found.table.data(), found.size(), options.max_det, true, neighbours, [&](size_t a, size_t b) {
-        if (certainly_apart(boxes[a], boxes[b], max_distance)) return false;
+        if (max_distance > 0.0 && certainly_apart(extents[a], extents[b], max_distance)) {
+          return false;
+        }
         return probiou(gaussians[a], gaussians[b]) >= thr;
       });
   const Mapping map(g);
