@@ -106,4 +106,23 @@ expect_error "cn.npy: the head is \[84, 8400\], which looks channel-first; pass 
 mkdir names.d
 expect_error "--names: names.d is a directory" \
   yolo-postprocess head.npy --names names.d --input-size 640x640 --image scene.png
+# The other heads: JSON fields per task, one full-size mask PNG per detection,
+# classify without an image.
+npy_f32 seg.npy '(1, 2, 7)' 320 320 64 64 0.9 0.1 1.0   100 300 10 10 0.1 0.8 2.0
+npy_f32 protos.npy '(1, 1, 2, 2)' 1 1 1 1
+"$exe" yolo-postprocess seg.npy --task segment --protos protos.npy --input-size 640x640 \
+  --image scene.png --json --masks-out masks > seg.json || fail "--task segment"
+[ "$(grep -c '"mask_area": [1-9]' seg.json)" -eq 2 ] || fail "segment json: $(cat seg.json)"
+"$exe" yolo-preprocess --size 960x640 masks/mask_001.png -o m.npy > /dev/null || fail "mask_001.png"
+[ ! -e masks/mask_002.png ] || fail "one mask per detection"
+npy_f32 obb.npy '(1, 7)' 320 320 64 32 0.9 0.1 0.5
+"$exe" yolo-postprocess obb.npy --task obb --input-size 640x640 --image scene.png --json > obb.json ||
+  fail "--task obb"
+grep -q '"obb": \[480, 320.74942, 96, 48, 0.5\], "corners": \[\[' obb.json || fail "obb json: $(cat obb.json)"
+npy_f32 cls.npy '(1, 4)' 0.1 0.5 0.2 0.2
+"$exe" yolo-postprocess cls.npy --task classify --top-k 2 --json > cls.json || fail "--task classify"
+[ "$(tr -d '\n ' < cls.json)" = '[{"class":1,"score":0.5},{"class":2,"score":0.200000003}]' ] ||
+  fail "classify json: $(cat cls.json)"
+expect_error "--input-size is required" yolo-postprocess seg.npy --task pose --image scene.png
+"$exe" demo --task segment -o demo_seg.png > /dev/null && [ -s demo_seg.png ] || fail "demo --task segment"
 echo "cli_yolo: ok"

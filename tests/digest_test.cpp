@@ -33,6 +33,7 @@
 #include "test_images.hpp"
 #include "threads.hpp"
 #include "yolo.hpp"
+#include "yolo_tasks.hpp"
 #include "zentil.hpp"
 #include <xtensor/xmanipulation.hpp>
 #include <xtensor/xview.hpp>
@@ -229,6 +230,120 @@ void add_detections(Fnv& f, const std::vector<yolo::Detection>& dets) {
   }
 }
 
+// A task head [rows, 4 + classes + extra]: the detection head's boxes and
+// scores followed by `extra` values in [-2, 2) scaled by `scale`.
+xt::xtensor<float, 2> task_head(size_t rows, size_t classes, size_t extra, float scale,
+                                uint32_t seed) {
+  const xt::xtensor<float, 2> det = detection_head(rows, classes, 640, seed);
+  Lcg rng{seed + 100};
+  xt::xtensor<float, 2> head = xt::zeros<float>({rows, 4 + classes + extra});
+  xt::view(head, xt::all(), xt::range(0, 4 + classes)) = det;
+  for (size_t i = 0; i < rows; ++i)
+    for (size_t k = 0; k < extra; ++k) head(i, 4 + classes + k) = (rng.unit() * 4 - 2) * scale;
+  return head;
+}
+
+void add_mask(Fnv& f, const yolo::InstanceMask& m) {
+  for (int v : {m.x0, m.y0, m.width, m.height}) f.u64(uint64_t(int64_t(v)));
+  f.bytes(m.bits.data(), m.bits.size());
+}
+
+void add_segments(Fnv& f, const std::vector<yolo::SegmentedDetection>& dets) {
+  f.u64(dets.size());
+  for (const auto& d : dets) {
+    add_detections(f, {d.box});
+    add_mask(f, d.mask);
+    for (const auto& poly : d.outlines) f.bytes(poly.data(), poly.size() * sizeof poly[0]);
+  }
+}
+
+void add_poses(Fnv& f, const std::vector<yolo::PoseDetection>& dets) {
+  f.u64(dets.size());
+  for (const auto& d : dets) {
+    add_detections(f, {d.box});
+    f.bytes(d.keypoints.data(), d.keypoints.size() * sizeof d.keypoints[0]);
+  }
+}
+
+void add_oriented(Fnv& f, const std::vector<yolo::OrientedDetection>& dets) {
+  f.u64(dets.size());
+  for (const auto& d : dets) {
+    const float v[6] = {d.cx, d.cy, d.width, d.height, d.angle, d.score};
+    f.bytes(v, sizeof v);
+    f.u64(uint64_t(int64_t(d.class_id)));
+    f.bytes(d.corners.data(), sizeof d.corners);
+  }
+}
+
+// Masks, keypoints, rotated boxes and classes: every public path of yolo_tasks.hpp.
+void yolo_tasks(Recorder& r, const yolo::LetterboxInfo& geom) {
+  Lcg rng{77};
+  xt::xtensor<float, 3> protos = xt::zeros<float>({size_t(8), size_t(160), size_t(160)});
+  for (size_t k = 0; k < 8; ++k)
+    for (size_t y = 0; y < 160; ++y)
+      for (size_t x = 0; x < 160; ++x)
+        protos(k, y, x) =
+            std::sin(0.05f * float(x * (k + 1)) + 0.07f * float(y)) + rng.unit() - 0.5f;
+  const xt::xtensor<float, 2> seg = task_head(300, 3, 8, 1.0f, 21);
+  yolo::PostprocessOptions o;
+  o.iou_threshold = 0.5f;
+  r.add("segment", [&](Fnv& f) { add_segments(f, yolo::segment(seg, protos, geom, o, true)); });
+  r.add("segment_input_masks", [&](Fnv& f) {
+    for (const auto& m : yolo::segment_input_masks(seg, protos, geom, o)) add_mask(f, m);
+  });
+  r.add("segment_batch", [&](Fnv& f) {
+    const xt::xtensor<float, 3> heads = xt::stack(xt::xtuple(seg, task_head(300, 3, 8, 1.0f, 22)));
+    const xt::xtensor<float, 4> both = xt::stack(xt::xtuple(protos, protos * -1.0f));
+    for (const auto& dets :
+         yolo::segment_batch(heads, both, {geom, yolo::letterbox_info(333, 900, {640, 640})}, o))
+      add_segments(f, dets);
+  });
+  r.add("segment_end2end", [&](Fnv& f) {
+    xt::xtensor<float, 2> rows = task_head(40, 2, 8, 1.0f, 23);
+    for (size_t i = 0; i < 40; ++i) {
+      rows(i, 2) += rows(i, 0);
+      rows(i, 3) += rows(i, 1);
+    }
+    add_segments(f, yolo::segment_end2end(rows, protos, geom, o, true));
+  });
+  const xt::xtensor<float, 2> pose = task_head(300, 1, 17 * 3, 400.0f, 24);
+  r.add("pose", [&](Fnv& f) { add_poses(f, yolo::postprocess_pose(pose, geom, o)); });
+  r.add("pose_batch", [&](Fnv& f) {
+    const xt::xtensor<float, 3> heads = xt::stack(xt::xtuple(pose, pose * 0.5f));
+    for (const auto& dets : yolo::postprocess_pose_batch(
+             heads, {geom, yolo::letterbox_info(1920, 1080, {640, 640})}, o))
+      add_poses(f, dets);
+  });
+  r.add("pose_end2end", [&](Fnv& f) {
+    add_poses(f, yolo::postprocess_pose_end2end(task_head(30, 2, 10, 300.0f, 25), geom, o, {5, 2}));
+  });
+  const xt::xtensor<float, 2> obb = task_head(300, 4, 1, 2.0f, 26);
+  r.add("obb", [&](Fnv& f) { add_oriented(f, yolo::postprocess_obb(obb, geom, o)); });
+  r.add("obb_batch", [&](Fnv& f) {
+    const xt::xtensor<float, 3> heads = xt::stack(xt::xtuple(obb, obb * 0.75f));
+    for (const auto& dets :
+         yolo::postprocess_obb_batch(heads, {geom, yolo::letterbox_info(500, 90, {640, 640})}, o))
+      add_oriented(f, dets);
+  });
+  r.add("obb_end2end", [&](Fnv& f) {
+    add_oriented(f, yolo::postprocess_obb_end2end(task_head(30, 3, 0, 1.0f, 27), geom, o));
+  });
+  r.add("classify", [&](Fnv& f) {
+    const xt::xtensor<float, 2> scores = task_head(4, 40, 0, 1.0f, 28);
+    for (bool softmax : {false, true})
+      for (const auto& top : yolo::classify_batch(scores, 7, softmax))
+        for (const yolo::ClassScore& c : top) f.u64(uint64_t(c.class_id)), f.bytes(&c.score, 4);
+  });
+  r.add("draw_tasks", [&](Fnv& f) {
+    yolo::RawImage img(image_paths().at("rgb_64x48.png"));
+    const yolo::LetterboxInfo small = yolo::letterbox_info(64, 48, {640, 640});
+    yolo::draw_masks(img, yolo::segment(seg, protos, small, o), {"a"}, true);
+    yolo::draw_pose(img, yolo::postprocess_pose(pose, small, o), yolo::human_skeleton());
+    yolo::draw_oriented(img, yolo::postprocess_obb(obb, small, o), {}, true, 1);
+    f.bytes(img.data.data(), img.data.size());
+  });
+}
+
 void yolo_family(Recorder& r) {
   for (const auto& [name, path] : image_paths()) {
     r.add("preprocess64." + name, [&](Fnv& f) {
@@ -338,6 +453,7 @@ void yolo_family(Recorder& r) {
     yolo::draw_detections(img, {{-5, 3, 1e9f, NAN, 0.25f, -3}}, {}, false, 1);
     f.bytes(img.data.data(), img.data.size());
   });
+  yolo_tasks(r, geom);
 }
 
 void vision_family(Recorder& r) {

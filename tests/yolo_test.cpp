@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <random>
 
@@ -13,6 +14,7 @@
 #include "stb_image_resize2.h"
 #include "test_images.hpp"
 #include "yolo.hpp"
+#include "yolo_tasks.hpp"
 
 using testimg::Format;
 using ::testing::HasSubstr;
@@ -257,7 +259,9 @@ TEST(RawImageLoad, ViewsAndThePixelBudget) {
   // The letterbox target is held to the same budget.
   vemoproc::set_max_image_pixels(36);
   EXPECT_EQ(yolo::letterbox(file, {9, 4}, 114).data.size(), 9u * 4 * 3);
-  EXPECT_EQ(error_of([&] { yolo::letterbox(file, {9, 5}, 114); }),
+  EXPECT_EQ(error_of([&] {
+              yolo::letterbox(file, {9, 5}, 114);
+            }),
             "stbir_resize_uint8_linear failed");
   vemoproc::set_max_image_pixels(saved);
 }
@@ -977,3 +981,191 @@ TEST(MatchPythonLetterbox, PathsAndBytesGiveTheViewsTensorAndNativeIsUnchanged) 
 }
 
 }  // namespace
+// ---------------------------------------------------------------------------
+// The other heads (the numpy transcription in python/tests/test_yolo_tasks.py
+// checks the float rules bit for bit; these cover what it does not).
+// ---------------------------------------------------------------------------
+
+// Hand-worked probabilistic IoUs: Bhattacharyya distance d, 1 - sqrt(1 - e^-d).
+TEST(ProbabilisticIou, HandWorkedCases) {
+  const float kPi = 3.14159265f;
+  struct Case {
+    const char* what;
+    std::array<float, 5> a, b;
+    float expected;
+  } cases[] = {
+      // d = eps: 1 - sqrt((1 - float(exp(-1e-7))) + 1e-7), never 1.
+      {"identical", {5, 5, 10, 20, 0.3f}, {5, 5, 10, 20, 0.3f}, 0.999532f},
+      {"sides swapped, turned 90 degrees",
+       {5, 5, 10, 20, 0.3f},
+       {5, 5, 20, 10, 0.3f + kPi / 2},
+       0.999532f},
+      {"turned 180 degrees", {5, 5, 10, 20, 0.3f}, {5, 5, 10, 20, 0.3f + kPi}, 0.999532f},
+      // Sigma = diag(100 / 12) each, d = 0.25 * 100 / (200 / 12) = 1.5.
+      {"squares one side apart", {0, 0, 10, 10, 0}, {10, 0, 10, 10, 0}, 0.118598f},
+      {"far apart", {0, 0, 10, 10, 0}, {100, 0, 10, 10, 0}, 0.0f},
+      // A cross of thin boxes: d = 0.5 ln(10004^2 / 160000) = 3.2192.
+      {"thin cross", {0, 0, 100, 2, 0}, {0, 0, 2, 100, 0}, 0.020196f},
+      {"thin cross by angle", {0, 0, 100, 2, 0}, {0, 0, 100, 2, kPi / 2}, 0.020196f},
+  };
+  for (const Case& c : cases) {
+    EXPECT_NEAR(yolo::probabilistic_iou(c.a, c.b), c.expected, 2e-5f) << c.what;
+    EXPECT_EQ(yolo::probabilistic_iou(c.a, c.b), yolo::probabilistic_iou(c.b, c.a)) << c.what;
+  }
+}
+
+// An identity letterbox of a side x side input.
+yolo::LetterboxInfo same_size(int side) { return yolo::letterbox_info(side, side, {side, side}); }
+
+TEST(OrientedBoxes, FastNmsClassesRegularisationAndMapping) {
+  // Rows cx, cy, w, h, score class 0, score class 1, angle. B overlaps A and
+  // C; A and C are far apart. Fast-NMS drops C too: suppressed B still votes.
+  const xt::xtensor<float, 2> head = {{100, 100, 40, 20, 0.9f, 0, 0},
+                                      {115, 100, 40, 20, 0.8f, 0, 0},
+                                      {130, 100, 40, 20, 0.7f, 0, 0},
+                                      {100, 100, 40, 20, 0, 0.6f, 2.0f}};
+  yolo::PostprocessOptions o;
+  o.iou_threshold = 0.5f;
+  const auto got = yolo::postprocess_obb(head, same_size(640), o);
+  ASSERT_EQ(got.size(), 2u);  // A, and D of the other class
+  EXPECT_EQ(got[0].class_id, 0);
+  EXPECT_EQ(got[1].class_id, 1);
+  // 2.0 mod pi >= pi / 2: the sides swap and the angle becomes 2.0 - pi / 2.
+  EXPECT_EQ(got[1].width, 20.0f);
+  EXPECT_EQ(got[1].height, 40.0f);
+  EXPECT_NEAR(got[1].angle, 2.0f - 1.5707964f, 1e-6f);
+  o.agnostic = true;
+  EXPECT_EQ(yolo::postprocess_obb(head, same_size(640), o).size(), 1u);
+
+  // Centre through the letterbox inverse, sides divided by the scale; the
+  // corners of an unturned box are its axis-aligned corners.
+  const xt::xtensor<float, 2> rows = {{320, 330, 64, 32, 0.9f, 3, 0}};
+  const yolo::LetterboxInfo g = yolo::letterbox_info(1280, 960, {640, 640});  // scale 0.5, top 80
+  const auto mapped = yolo::postprocess_obb_end2end(rows, g, yolo::PostprocessOptions{});
+  ASSERT_EQ(mapped.size(), 1u);
+  EXPECT_EQ(mapped[0].cx, 640.0f);
+  EXPECT_EQ(mapped[0].cy, 500.0f);
+  EXPECT_EQ(mapped[0].width, 128.0f);
+  EXPECT_EQ(mapped[0].corners[0], (std::array<float, 2>{704, 532}));
+  EXPECT_EQ(mapped[0].corners[2], (std::array<float, 2>{576, 468}));
+  const yolo::Detection b = yolo::bounding_box(mapped[0], 1280, 960);
+  EXPECT_EQ((std::array<float, 4>{b.x1, b.y1, b.x2, b.y2}),
+            (std::array<float, 4>{576, 468, 704, 532}));
+}
+
+TEST(Classify, RankingSoftmaxAndEdges) {
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  struct Case {
+    std::vector<float> scores;
+    size_t k;
+    std::vector<int> ids;
+  } cases[] = {
+      {{0.1f, 0.7f, 0.7f, 0.2f}, 3, {1, 2, 3}},  // ties to the lower index
+      {{0.5f, nan, 0.9f}, 5, {2, 0, 1}},         // NaN last; k above the count
+      {{}, 5, {}},
+      {{0.3f}, 0, {}},
+  };
+  for (const Case& c : cases) {
+    std::vector<int> ids;
+    for (const yolo::ClassScore& s : yolo::classify(c.scores, c.k, false))
+      ids.push_back(s.class_id);
+    EXPECT_EQ(ids, c.ids);
+  }
+  // Softmax: max-subtracted, so large logits do not overflow; ranks unchanged.
+  const auto p = yolo::classify({1000.0f, 999.0f, 1000.0f}, 3, true);
+  EXPECT_EQ(p[0].class_id, 0);
+  EXPECT_EQ(p[1].class_id, 2);
+  EXPECT_NEAR(p[0].score, 1.0f / (2.0f + std::exp(-1.0f)), 1e-6f);
+  EXPECT_EQ(p[0].score, p[1].score);
+}
+
+// Segmentation head with 2 coefficients over 2 prototypes (4 x 4 for a 16 x 16
+// input): plane 0 positive on the left half, plane 1 everywhere negative.
+struct TinySegmentation {
+  xt::xtensor<float, 3> protos = xt::zeros<float>({size_t(2), size_t(4), size_t(4)});
+  xt::xtensor<float, 2> head = {{8, 8, 12, 12, 0.9f, 1, 0.5f},  // cx cy w h score coef0 coef1
+                                {8, 8, 12, 6, 0.3f, -1, 0.5f}};
+  TinySegmentation() {
+    xt::view(protos, 0, xt::all(), xt::range(0, 2)) = 2.0f;
+    xt::view(protos, 1) = -1.0f;
+  }
+};
+
+TEST(Segment, MasksStayInTheirBoxAndExpandToTheImage) {
+  TinySegmentation t;
+  yolo::PostprocessOptions o;
+  o.conf_threshold = 0.2f;
+  o.iou_threshold = 0.9f;
+  const auto got = yolo::segment(t.head, t.protos, same_size(16), o);
+  ASSERT_EQ(got.size(), 2u);
+  // Box 2..14: the region is columns and rows 2..13.
+  EXPECT_EQ(got[0].mask.x0, 2);
+  EXPECT_EQ(got[0].mask.width, 12);
+  // Logits 1.5 on prototype columns 0, 1 and -0.5 on 2, 3. Pixel 8 samples
+  // p = 8.5 / 4 - 0.5 = 1.625: 0.375 * 1.5 - 0.625 * 0.5 > 0, pixel 9 (p =
+  // 1.875) not: columns 2..8 of the box's rows 2..13.
+  const xt::xtensor<uint8_t, 2> full = yolo::full_mask(got[0].mask, 16, 16);
+  EXPECT_EQ(full(1, 4), 0);  // above the box
+  EXPECT_EQ(full(5, 2), 1);
+  EXPECT_EQ(full(5, 8), 1);
+  EXPECT_EQ(full(5, 9), 0);
+  EXPECT_EQ(got[0].mask.area(), 12u * 7u);
+  EXPECT_EQ(got[1].mask.area(), 0u);  // negative everywhere: kept, empty
+  // The outline of the rectangle: its four corners, clockwise.
+  const auto outlined = yolo::segment(t.head, t.protos, same_size(16), o, true);
+  ASSERT_EQ(outlined[0].outlines.size(), 1u);
+  EXPECT_EQ(outlined[0].outlines[0], (yolo::Polygon{{2, 2}, {9, 2}, {9, 14}, {2, 14}}));
+}
+
+// The batched forms give each image what the single-image form gives.
+TEST(TaskBatches, MatchOneImageAtATime) {
+  TinySegmentation t;
+  xt::xtensor<float, 3> heads = xt::stack(xt::xtuple(t.head, t.head * 1.5f));
+  xt::xtensor<float, 4> protos = xt::stack(xt::xtuple(t.protos, -t.protos));
+  const std::vector<yolo::LetterboxInfo> g = {same_size(16),
+                                              yolo::letterbox_info(40, 20, {16, 16})};
+  yolo::PostprocessOptions o;
+  const auto seg = yolo::segment_batch(heads, protos, g, o);
+  const auto pose = yolo::postprocess_pose_batch(heads, g, o, {1, 2});
+  const auto obb = yolo::postprocess_obb_batch(heads, g, o);
+  for (size_t i = 0; i < 2; ++i) {
+    const xt::xtensor<float, 2> head = xt::view(heads, i);
+    const auto one = yolo::segment(head, xt::xtensor<float, 3>(xt::view(protos, i)), g[i], o);
+    ASSERT_EQ(seg[i].size(), one.size());
+    for (size_t k = 0; k < one.size(); ++k) EXPECT_EQ(seg[i][k].mask.bits, one[k].mask.bits);
+    const auto p = yolo::postprocess_pose(head, g[i], o, {1, 2});
+    ASSERT_EQ(pose[i].size(), p.size());
+    for (size_t k = 0; k < p.size(); ++k) EXPECT_EQ(pose[i][k].keypoints[0].x, p[k].keypoints[0].x);
+    EXPECT_EQ(obb[i].size(), yolo::postprocess_obb(head, g[i], o).size());
+  }
+  EXPECT_THAT(error_of([&] { yolo::segment_batch(heads, protos, {g[0]}, o); }),
+              HasSubstr("letterbox holds 1 entries and protos 2 for 2 heads"));
+}
+
+TEST(TaskErrors, NameTheArgument) {
+  TinySegmentation t;
+  const yolo::PostprocessOptions o;
+  const xt::xtensor<float, 3> no_protos = xt::zeros<float>({size_t(0), size_t(4), size_t(4)});
+  const xt::xtensor<float, 3> many = xt::zeros<float>({size_t(8), size_t(4), size_t(4)});
+  const std::pair<std::function<void()>, std::string> cases[] = {
+      {[&] { yolo::segment(t.head, no_protos, same_size(16), o); },
+       "segment(): protos must not be empty"},
+      {[&] { yolo::segment(t.head, many, same_size(16), o); },
+       "segment(): head needs at least 13 columns (4 box values and a class score, then 8 mask "
+       "coefficients)"},
+      {[&] {
+         yolo::postprocess_pose(t.head, same_size(16), o, {2, 4});
+       },
+       "postprocess_pose(): keypoint_shape must be K x D with K at least 1 and D 2 or 3"},
+      {[&] {
+         yolo::postprocess_pose(t.head, same_size(16), o, {1, 3});
+       },
+       "postprocess_pose(): head needs at least 8 columns"},
+      {[&] { yolo::postprocess_obb_end2end(t.head * 0.0f, {}, o); }, "letterbox sizes"},
+      {[&] {
+         yolo::postprocess_pose_end2end(t.head, same_size(16), o, {1, 3});
+       },
+       "rows needs at least 9 columns (x1, y1, x2, y2, score, class, 1 x 3 keypoint values)"},
+  };
+  for (const auto& [call, message] : cases) EXPECT_THAT(error_of(call), HasSubstr(message));
+}

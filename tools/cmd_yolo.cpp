@@ -15,9 +15,11 @@
 
 #include "cli_common.hpp"
 #include "cli_images.hpp"
+#include "cmd_yolo_tasks.hpp"
 #include "stb_image_resize2.h"
 #include "stb_image_write.h"
 #include "yolo.hpp"
+#include "yolo_tasks.hpp"
 
 namespace {
 
@@ -202,21 +204,51 @@ struct PostprocessArgs {
   bool end2end = false;
   bool exact = false;
   bool match_python = false;
+  yolo_cli::TaskArgs tasks;
 };
 
 void run_postprocess(const PostprocessArgs& a) {
+  if (a.tasks.task == "classify") {
+    yolo_cli::run_classify(a.tasks, cli::load_npy_as_float(a.head), read_names(a.names));
+    return;
+  }
+  // Every other task needs the geometry (classify needs neither option).
+  if (a.input_size.empty()) throw CLI::RequiredError("--input-size");
+  if (a.image.empty()) throw CLI::RequiredError("--image");
   const auto in = cli::parse_size(a.input_size, "--input-size");
   const auto names = read_names(a.names);
   yolo::RawImage image = raw_image(a.image, a.raw, a.match_python);
+  const vemoproc::Pipeline pipeline = cli::pipeline_of(a.match_python);
+  if (a.tasks.task != "detect") {
+    // The other heads always map back with the geometry the letterbox applied
+    // (by the Python pipeline's rule with --match-python).
+    yolo::PostprocessOptions options;
+    options.conf_threshold = a.conf;
+    options.iou_threshold = a.iou;
+    options.max_det = a.max_det;
+    options.agnostic = a.agnostic;
+    options.box_mapping = pipeline;
+    yolo_cli::TaskInput input{
+        head_rows(cli::load_npy_as_float(a.head), a.layout, a.layout_given, a.head),
+        image,
+        names,
+        yolo::letterbox_info(image.width, image.height, in, pipeline),
+        options,
+        a.end2end,
+        a.draw,
+        a.thickness};
+    yolo_cli::run_task(a.tasks, input);
+    return;
+  }
   std::vector<yolo::Detection> dets;
   if (a.end2end || a.agnostic || a.exact || a.match_python) {
     // Boxes mapped back with the geometry the letterbox applied (by the
     // Python pipeline's rule with --match-python).
-    const vemoproc::Pipeline pipeline = cli::pipeline_of(a.match_python);
     const yolo::LetterboxInfo g = yolo::letterbox_info(image.width, image.height, in, pipeline);
-    std::cout << "letterbox: " << g.original_width << "x" << g.original_height << " scaled by "
-              << g.scale << " to " << g.new_width << "x" << g.new_height << " at (" << g.left
-              << ", " << g.top << ")\n";
+    if (!a.tasks.json)
+      std::cout << "letterbox: " << g.original_width << "x" << g.original_height << " scaled by "
+                << g.scale << " to " << g.new_width << "x" << g.new_height << " at (" << g.left
+                << ", " << g.top << ")\n";
     if (a.end2end) {
       dets = yolo::postprocess_end2end(end2end_rows(cli::load_npy_as_float(a.head), a.head), g,
                                        a.conf, pipeline);
@@ -236,11 +268,15 @@ void run_postprocess(const PostprocessArgs& a) {
                              {static_cast<size_t>(image.height), static_cast<size_t>(image.width)},
                              a.conf, a.iou, a.max_det);
   }
-  print_detections(dets, names);
+  if (a.tasks.json) {
+    yolo_cli::print_json(dets);
+  } else {
+    print_detections(dets, names);
+  }
   if (!a.draw.empty()) {
     yolo::draw_detections(image, dets, names, true, a.thickness);
     write_png(image, a.draw);
-    std::cout << "wrote " << a.draw << "\n";
+    if (!a.tasks.json) std::cout << "wrote " << a.draw << "\n";
   }
 }
 
@@ -350,6 +386,7 @@ struct DemoArgs {
   std::string output = "vemoproc-demo.png";
   std::string size = "640x640";
   bool match_python = false;
+  std::string task = "detect";
 };
 
 // The picture the demo writes: at most kDemoSide pixels on its longer side,
@@ -380,6 +417,97 @@ yolo::RawImage fit_for_display(const yolo::RawImage& image, std::vector<yolo::De
     d.y2 *= fy;
   }
   return out;
+}
+
+// The synthetic head of another task for the same objects, in network pixels,
+// from the detection head's rows (objects first, 40 rows each, then noise):
+// segment appends one-hot coefficients over per-object elliptic prototypes
+// (returned in `protos`), pose a stick figure of 17 keypoints inside the box,
+// obb a per-object angle.
+xt::xtensor<float, 2> task_head(const std::string& task, const xt::xtensor<float, 2>& det,
+                                size_t objects, std::array<int, 2> net,
+                                xt::xtensor<float, 3>& protos) {
+  const size_t rows = det.shape(0);
+  const size_t classes = det.shape(1) - 4;
+  const size_t extra = task == "segment" ? 32 : task == "pose" ? 51 : 1;
+  xt::xtensor<float, 2> head = xt::zeros<float>({rows, det.shape(1) + extra});
+  xt::view(head, xt::all(), xt::range(0, det.shape(1))) = det;
+  if (task == "segment") {
+    const size_t mh = size_t(net[1]) / 4, mw = size_t(net[0]) / 4;
+    protos = xt::zeros<float>({size_t(32), mh, mw});
+    for (size_t o = 0; o < objects; ++o) {
+      // The ellipse inside the first (unjittered) candidate's box: positive inside.
+      const float cx = det(o, 0) / 4, cy = det(o, 1) / 4;
+      const float rx = det(o, 2) / 8, ry = det(o, 3) / 8;
+      for (size_t y = 0; y < mh; ++y)
+        for (size_t x = 0; x < mw; ++x) {
+          const float dx = (float(x) + 0.5f - cx) / rx, dy = (float(y) + 0.5f - cy) / ry;
+          protos(o, y, x) = 1.0f - dx * dx - dy * dy;
+        }
+    }
+    for (size_t i = 0; i < rows; ++i)
+      head(i, 4 + classes + (i < objects * 40 ? i % objects : 31)) = 1.0f;
+  } else if (task == "pose") {
+    // Nose, eyes, ears, shoulders, elbows, wrists, hips, knees, ankles as
+    // fractions of the box (x across, y down).
+    static const float kFigure[17][2] = {
+        {0.50f, 0.08f}, {0.46f, 0.06f}, {0.54f, 0.06f}, {0.42f, 0.08f}, {0.58f, 0.08f},
+        {0.32f, 0.22f}, {0.68f, 0.22f}, {0.22f, 0.38f}, {0.78f, 0.38f}, {0.18f, 0.52f},
+        {0.82f, 0.52f}, {0.38f, 0.55f}, {0.62f, 0.55f}, {0.36f, 0.76f}, {0.64f, 0.76f},
+        {0.35f, 0.97f}, {0.65f, 0.97f}};
+    for (size_t i = 0; i < rows; ++i) {
+      const float x1 = det(i, 0) - det(i, 2) / 2, y1 = det(i, 1) - det(i, 3) / 2;
+      for (size_t k = 0; k < 17; ++k) {
+        head(i, 4 + classes + 3 * k) = x1 + kFigure[k][0] * det(i, 2);
+        head(i, 5 + classes + 3 * k) = y1 + kFigure[k][1] * det(i, 3);
+        head(i, 6 + classes + 3 * k) = k == 3 ? 0.2f : 0.9f;  // one ear hidden
+      }
+    }
+  } else {
+    for (size_t i = 0; i < rows; ++i) head(i, 4 + classes) = 0.25f * float(i % objects) - 0.3f;
+  }
+  return head;
+}
+
+// Stages 4 to 6 of the demo for the other tasks.
+void run_demo_task(const DemoArgs& a, yolo::RawImage& scene, size_t objects,
+                   const xt::xtensor<float, 2>& det, std::array<int, 2> net) {
+  constexpr int kStages = 6;
+  const yolo::LetterboxInfo g = yolo::letterbox_info(scene.width, scene.height, net);
+  xt::xtensor<float, 3> protos;
+  yolo::PostprocessOptions options;
+  if (a.task == "classify") {
+    cli::Stage s(4, kStages, "classify a synthetic score vector");
+    const auto top = yolo::classify({0.1f, 2.0f, 0.5f, 1.2f}, 5, true);
+    for (const auto& c : top)
+      std::cout << std::vector<std::string>{"house", "tree", "sun", "car"}[size_t(c.class_id)]
+                << ' ' << c.score << '\n';
+    return;
+  }
+  const xt::xtensor<float, 2> head = task_head(a.task, det, objects, net, protos);
+  // Drawn at full size, then scaled for display: lines in proportion.
+  const int side = std::max(scene.width, scene.height);
+  const int thickness = std::max(2, side / 320) * std::max(1, side / kDemoSide);
+  {
+    cli::Stage s(4, kStages,
+                 a.task + " postprocess [8400, " + std::to_string(head.shape(1)) + "] head");
+    if (a.task == "segment") {
+      yolo::draw_masks(scene, yolo::segment(head, protos, g, options), demo_names(), true,
+                       thickness);
+    } else if (a.task == "pose") {
+      yolo::draw_pose(scene, yolo::postprocess_pose(head, g, options), yolo::human_skeleton(), 0.5f,
+                      2 * thickness, thickness);
+    } else {
+      yolo::draw_oriented(scene, yolo::postprocess_obb(head, g, options), demo_names(), true,
+                          thickness);
+    }
+  }
+  {
+    cli::Stage s(6, kStages, "write " + a.output);
+    std::vector<yolo::Detection> none;
+    write_png(fit_for_display(scene, none), a.output);
+  }
+  std::cout << "annotated image: " << a.output << "\n";
 }
 
 void run_demo(const DemoArgs& a) {
@@ -427,6 +555,10 @@ void run_demo(const DemoArgs& a) {
     cli::Stage s(3, kStages, "synthetic detection head (no network in this library)");
     head = synthetic_head(objects, scene.width, scene.height, net, 8400);
   }
+  if (a.task != "detect") {
+    run_demo_task(a, scene, objects.size(), head, net);
+    return;
+  }
   std::vector<yolo::Detection> dets;
   {
     cli::Stage s(4, kStages, "postprocess [8400, " + std::to_string(head.shape(1)) + "] head");
@@ -452,8 +584,7 @@ void run_demo(const DemoArgs& a) {
     if (photo) {
       // The banner is a label with no box: the picture itself says the boxes
       // are not detections.
-      yolo::draw_detections(picture, {{0, 0, 0, 0, 0, 0}},
-                            {"synthetic head"}, false, 0);
+      yolo::draw_detections(picture, {{0, 0, 0, 0, 0, 0}}, {"synthetic head"}, false, 0);
     }
   }
   {
@@ -486,10 +617,10 @@ void add_yolo_commands(CLI::App& app) {
   auto post = std::make_shared<PostprocessArgs>();
   auto* q = app.add_subcommand("yolo-postprocess", "Decode a raw detection head into boxes");
   q->add_option("head", post->head, "Head .npy: [N, 4+classes] or [1, N, 4+classes]")->required();
-  q->add_option("--input-size", post->input_size, "Network input size WIDTHxHEIGHT")->required();
+  // Required unless --task classify (checked when the command runs).
+  q->add_option("--input-size", post->input_size, "Network input size WIDTHxHEIGHT (required)");
   q->add_option("--image", post->image,
-                "The original image (for its size, and --draw); - for standard input")
-      ->required();
+                "The original image (for its size, and --draw); - for standard input (required)");
   q->add_option("--raw", post->raw, cli::kRawHelp);
   q->add_flag("--agnostic", post->agnostic, "NMS across classes (maps back as --exact)");
   q->add_flag("--end2end", post->end2end,
@@ -517,6 +648,7 @@ void add_yolo_commands(CLI::App& app) {
   q->add_option("--thickness", post->thickness, "Box outline width in pixels")
       ->check(cli::integer_in(1, std::numeric_limits<int>::max()))
       ->capture_default_str();
+  yolo_cli::add_task_options(*q, post->tasks);
   q->callback([post, layout] {
     post->layout_given = layout->count() > 0;
     run_postprocess(*post);
@@ -531,5 +663,8 @@ void add_yolo_commands(CLI::App& app) {
   d->add_option("-o,--output", demo->output, "Annotated PNG to write")->capture_default_str();
   d->add_option("--size", demo->size, "Network input size WIDTHxHEIGHT")->capture_default_str();
   d->add_flag("--match-python", demo->match_python, cli::kMatchPythonHelp);
+  d->add_option("--task", demo->task, "Which head to synthesise and decode")
+      ->check(CLI::IsMember({"detect", "segment", "pose", "obb", "classify"}))
+      ->capture_default_str();
   d->callback([demo] { run_demo(*demo); });
 }

@@ -9,6 +9,8 @@
 
 namespace vemoproc_py {
 
+void bind_yolo_tasks(py::module_& m);
+
 namespace {
 
 std::vector<std::string> paths_of(py::handle paths) {
@@ -345,6 +347,7 @@ detections: a list of Detection or an [N, 6] array. Each gets a
 class-coloured outline `thickness` pixels wide, a label bar above the box and
 the label (class name, or "cls_<id>" without one, plus the score when
 show_score) in white. Coordinates are clamped to the image.)");
+  bind_yolo_tasks(m);
 }
 
 }  // namespace vemoproc_py

@@ -1,6 +1,6 @@
 """Object detection: letterbox preprocessing, head decoding with NMS, drawing."""
 import os
-from typing import Literal, Sequence, Tuple, Union, overload
+from typing import Any, Literal, Sequence, Tuple, Union, overload
 
 import numpy as np
 import numpy.typing as npt
@@ -135,3 +135,98 @@ def draw_detections(
     thickness: int = 2,
 ) -> None:
     """Paint detections into an HxWx3 uint8 RGB array in place."""
+
+# The other heads (yolo_tasks.hpp). Keywords as for postprocess.
+def segment(
+    head: npt.ArrayLike,
+    protos: npt.ArrayLike,
+    letterbox: LetterboxInfo,
+    *,
+    conf_threshold: float = 0.25,
+    iou_threshold: float = 0.45,
+    max_det: int = 300,
+    agnostic: bool = False,
+    channels_first: bool = False,
+    objectness: bool = False,
+    classes: Sequence[int] = (),
+    max_candidates: int = 30000,
+    outlines: bool = False,
+) -> dict[str, Any]:
+    """Masks in original pixels: {"boxes", "masks", "origins"[, "outlines"]}."""
+
+def segment_end2end(
+    rows: npt.ArrayLike,
+    protos: npt.ArrayLike,
+    letterbox: LetterboxInfo,
+    *,
+    conf_threshold: float = 0.25,
+    iou_threshold: float = 0.45,
+    max_det: int = 300,
+    agnostic: bool = False,
+    channels_first: bool = False,
+    objectness: bool = False,
+    classes: Sequence[int] = (),
+    max_candidates: int = 30000,
+    outlines: bool = False,
+) -> dict[str, Any]:
+    """segment for NMS-free rows [N, 6 + m]."""
+
+def segment_input_masks(
+    head: npt.ArrayLike,
+    protos: npt.ArrayLike,
+    letterbox: LetterboxInfo,
+    *,
+    conf_threshold: float = 0.25,
+    iou_threshold: float = 0.45,
+    max_det: int = 300,
+    agnostic: bool = False,
+    channels_first: bool = False,
+    objectness: bool = False,
+    classes: Sequence[int] = (),
+    max_candidates: int = 30000,
+) -> dict[str, Any]:
+    """The masks at network-input resolution: {"masks", "origins"}."""
+
+def pose(
+    head: npt.ArrayLike,
+    letterbox: LetterboxInfo,
+    *,
+    conf_threshold: float = 0.25,
+    iou_threshold: float = 0.45,
+    max_det: int = 300,
+    agnostic: bool = False,
+    channels_first: bool = False,
+    objectness: bool = False,
+    classes: Sequence[int] = (),
+    max_candidates: int = 30000,
+    keypoint_shape: Tuple[int, int] = (17, 3),
+    end2end: bool = False,
+) -> dict[str, npt.NDArray[np.float32]]:
+    """{"boxes": [N, 6], "keypoints": [N, K, 3]}."""
+
+def obb(
+    head: npt.ArrayLike,
+    letterbox: LetterboxInfo,
+    *,
+    conf_threshold: float = 0.25,
+    iou_threshold: float = 0.45,
+    max_det: int = 300,
+    agnostic: bool = False,
+    channels_first: bool = False,
+    objectness: bool = False,
+    classes: Sequence[int] = (),
+    max_candidates: int = 30000,
+    end2end: bool = False,
+) -> dict[str, npt.NDArray[np.float32]]:
+    """{"boxes": [N, 7] (cx, cy, w, h, angle, score, class), "corners": [N, 4, 2]}."""
+
+def probabilistic_iou(a: Sequence[float], b: Sequence[float]) -> float:
+    """The probabilistic IoU of two rotated boxes (cx, cy, w, h, angle)."""
+
+def classify(
+    scores: npt.NDArray[np.float32], top_k: int = 5, apply_softmax: bool = False
+) -> Union[
+    Tuple[npt.NDArray[np.int64], npt.NDArray[np.float32]],
+    list[Tuple[npt.NDArray[np.int64], npt.NDArray[np.float32]]],
+]:
+    """Top-k (ids, scores) of [classes], or a list of them for [B, classes]."""

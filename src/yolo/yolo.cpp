@@ -9,7 +9,6 @@
 #include <cstring>
 #include <limits>
 #include <memory>
-#include <numeric>
 #include <stdexcept>
 
 #include <stb_easy_font.h>
@@ -17,22 +16,17 @@
 #include "../pixels/image_io.hpp"
 #include "../pixels/parallel.hpp"
 
-#include "box_mapping.hpp"
+#include "geometry.hpp"
+#include "nms.hpp"
 #include "pack.hpp"
+#include "palette.hpp"
+#include "select.hpp"
 
 namespace yolo {
 
-namespace {
+using internal::saturating_int;
 
-// Float to int, truncating toward zero. Values the conversion cannot represent
-// get a defined result instead of undefined behaviour: NaN becomes 0 and
-// out-of-range values saturate at the int limits.
-int saturating_int(float v) {
-  if (std::isnan(v)) return 0;
-  if (v >= 2147483648.0f) return std::numeric_limits<int>::max();
-  if (v < -2147483648.0f) return std::numeric_limits<int>::min();
-  return static_cast<int>(v);
-}
+namespace {
 
 size_t rgb_bytes(int width, int height) {
   return static_cast<size_t>(width) * static_cast<size_t>(height) * 3u;
@@ -249,405 +243,20 @@ DetectionBatch preprocess_images(const std::vector<vemoproc::ImageView>& images,
 
 namespace {
 
-// Working table row: x1, y1, x2, y2, score, class (as float).
-constexpr size_t kCols = 6;
-
-// A detection head as the selection reads it, in place: n candidates of c
-// values each (cx, cy, w, h, [objectness,] class scores), stored one
-// candidate per row ([n, c]) or, channels first, one value per row ([c, n]).
-struct HeadView {
-  const float* data;
-  size_t n;
-  size_t c;
-  bool channels_first;
-
-  float at(size_t candidate, size_t value) const {
-    return channels_first ? data[value * n + candidate] : data[candidate * c + value];
-  }
-};
-
-struct Selection {
-  float conf_threshold;
-  bool objectness;                  // column 4 multiplies every class score; classes start at 5
-  const std::vector<int>& classes;  // empty: all
-  size_t max_candidates;
-};
-
-// Candidates are scored in blocks: a channels-first head is then read a few
-// hundred consecutive floats per value row at a time.
-constexpr size_t kBlock = 256;
-
-// The best class of candidates [i0, i0 + count): score[k] is the reduction
-// acc = (acc > v ? acc : v) from the lowest finite float over the class values
-// v, best[k] the first index of a strictly greater value. With objectness each
-// v is column 4 times the class score. Row-major rows without objectness
-// whose class values are none above `threshold` keep the starting score (they
-// cannot pass the filter whatever their maximum), found in one vectorised pass.
-template <bool kObjectness>
-void best_classes(const HeadView& head, size_t i0, size_t count, float threshold, float* score,
-                  uint32_t* best) {
-  const size_t first = kObjectness ? 5 : 4;
-  float best_value[kBlock];
-  float scale[kBlock];
-  for (size_t k = 0; k < count; ++k) {
-    scale[k] = kObjectness ? head.at(i0 + k, 4) : 1.0f;
-    score[k] = std::numeric_limits<float>::lowest();
-    best[k] = 0;
-    best_value[k] = kObjectness ? scale[k] * head.at(i0 + k, first) : head.at(i0 + k, first);
-  }
-  if (head.channels_first) {
-    // Value row by value row: each pass reads `count` consecutive floats.
-    for (size_t j = first; j < head.c; ++j) {
-      const float* values = head.data + j * head.n + i0;
-      const auto cls = static_cast<uint32_t>(j - first);
-      for (size_t k = 0; k < count; ++k) {
-        const float v = kObjectness ? scale[k] * values[k] : values[k];
-        score[k] = score[k] > v ? score[k] : v;
-        best[k] = v > best_value[k] ? cls : best[k];
-        best_value[k] = v > best_value[k] ? v : best_value[k];
-      }
-    }
-    return;
-  }
-  for (size_t k = 0; k < count; ++k) {
-    const float* row = head.data + (i0 + k) * head.c;
-    if (!kObjectness) {
-      int above = score[k] > threshold;
-      for (size_t j = first; j < head.c; ++j) above += row[j] > threshold;
-      if (above == 0) continue;
-    }
-    float acc = score[k];
-    float top = best_value[k];
-    uint32_t cls = 0;
-    for (size_t j = first; j < head.c; ++j) {
-      const float v = kObjectness ? scale[k] * row[j] : row[j];
-      acc = acc > v ? acc : v;
-      if (v > top) {
-        top = v;
-        cls = static_cast<uint32_t>(j - first);
-      }
-    }
-    score[k] = acc;
-    best[k] = cls;
-  }
-}
-
-// The candidates NMS sees, as [M, 6] working-table rows in candidate order:
-// best class per candidate, score strictly above the threshold, a wanted
-// class; when more than max_candidates pass, the highest scores among them
-// (equal scores: the earlier candidate).
-std::vector<float> select_candidates(const HeadView& head, const Selection& sel) {
-  std::vector<float> table;
-  float score[kBlock];
-  uint32_t best[kBlock];
-  for (size_t i0 = 0; i0 < head.n; i0 += kBlock) {
-    const size_t count = std::min(kBlock, head.n - i0);
-    if (sel.objectness) {
-      best_classes<true>(head, i0, count, sel.conf_threshold, score, best);
-    } else {
-      best_classes<false>(head, i0, count, sel.conf_threshold, score, best);
-    }
-    for (size_t k = 0; k < count; ++k) {
-      if (!(score[k] > sel.conf_threshold)) continue;
-      if (!sel.classes.empty() && std::find(sel.classes.begin(), sel.classes.end(),
-                                            static_cast<int>(best[k])) == sel.classes.end()) {
-        continue;
-      }
-      const size_t i = i0 + k;
-      const float cx = head.at(i, 0);
-      const float cy = head.at(i, 1);
-      const float half_w = head.at(i, 2) / 2.0f;
-      const float half_h = head.at(i, 3) / 2.0f;
-      table.insert(table.end(), {cx - half_w, cy - half_h, cx + half_w, cy + half_h, score[k],
-                                 static_cast<float>(best[k])});
-    }
-  }
-
-  const size_t m = table.size() / kCols;
-  if (m <= sel.max_candidates) return table;
-  std::vector<size_t> rank(m);
-  std::iota(rank.begin(), rank.end(), size_t{0});
-  const auto higher = [&table](size_t a, size_t b) {
-    const float sa = table[a * kCols + 4];
-    const float sb = table[b * kCols + 4];
-    return sa > sb || (sa == sb && a < b);
-  };
-  const auto cut = rank.begin() + static_cast<std::ptrdiff_t>(sel.max_candidates);
-  std::nth_element(rank.begin(), cut, rank.end(), higher);
-  rank.erase(cut, rank.end());
-  std::sort(rank.begin(), rank.end());
-  std::vector<float> kept(rank.size() * kCols);
-  for (size_t k = 0; k < rank.size(); ++k) {
-    std::copy_n(table.data() + rank[k] * kCols, kCols, kept.data() + k * kCols);
-  }
-  return kept;
-}
-
-// Whether kept box ra suppresses box rb (rows of the working table; area_a is
-// ra's area): IoU in single precision, no +1 pixel term, strictly above the
-// threshold.
-template <class T>
-bool suppresses(const T* ra, T area_a, const T* rb, T iou_threshold) {
-  const T xx1 = std::max(ra[0], rb[0]);
-  const T yy1 = std::max(ra[1], rb[1]);
-  const T xx2 = std::min(ra[2], rb[2]);
-  const T yy2 = std::min(ra[3], rb[3]);
-  const T inter = std::max(xx2 - xx1, T(0)) * std::max(yy2 - yy1, T(0));
-  const T area_b = (rb[2] - rb[0]) * (rb[3] - rb[1]);
-  const T iou = inter / (area_b + area_a - inter + T(1.0e-7f));
-  return iou > iou_threshold;
-}
-
-template <class T>
-T area_of(const T* r) {
-  return (r[2] - r[0]) * (r[3] - r[1]);
-}
-
-// The boxes NMS may still suppress, in one bounding-box tree per class (one
-// for all when agnostic), so that a kept box visits only the subtrees whose
-// extent reaches into its own. For iou_threshold >= 0 (or NaN) no other box
-// can be suppressed: a box with a NaN coordinate has a NaN area and so a NaN
-// IoU, and two boxes whose interiors do not intersect (max(x1) < min(x2) and
-// max(y1) < min(y2) fails) have an intersection of zero and an IoU of 0 or NaN.
-template <class T>
-class OverlapIndex {
- public:
-  OverlapIndex(const T* rows, size_t m, bool agnostic)
-      : rows_(rows), live_(m, 0), leaf_(m, kNone), root_(m, kNone) {
-    for (size_t i = 0; i < m; ++i) {
-      const T* r = rows + i * kCols;
-      if (!std::isnan(r[0]) && !std::isnan(r[1]) && !std::isnan(r[2]) && !std::isnan(r[3])) {
-        items_.push_back(i);
-      }
-    }
-    if (!agnostic) {
-      std::stable_sort(items_.begin(), items_.end(),
-                       [this](size_t a, size_t b) { return class_of(a) < class_of(b); });
-    }
-    for (size_t begin = 0; begin < items_.size();) {
-      size_t end = begin + 1;
-      while (end < items_.size() &&
-             (agnostic || class_of(items_[end]) == class_of(items_[begin]))) {
-        ++end;
-      }
-      const size_t root = build(begin, end, kNone);
-      for (size_t k = begin; k < end; ++k) {
-        root_[items_[k]] = root;
-        live_[items_[k]] = 1;
-      }
-      begin = end;
-    }
-  }
-
-  bool indexed(size_t box) const { return root_[box] != kNone; }
-
-  // Takes a box out for good (kept, or suppressed).
-  void remove(size_t box) {
-    if (!live_[box]) return;
-    live_[box] = 0;
-    for (size_t node = leaf_[box]; node != kNone; node = nodes_[node].parent) --nodes_[node].live;
-  }
-
-  // Calls visit(b) for every live box b of a's tree whose subtree extent
-  // reaches into a's interior; visit may remove boxes.
-  template <class F>
-  void for_each_candidate(size_t a, F&& visit) {
-    const T* ra = rows_ + a * kCols;
-    stack_.assign(1, root_[a]);
-    while (!stack_.empty()) {
-      const Node& node = nodes_[stack_.back()];
-      stack_.pop_back();
-      if (node.live == 0 || !(node.min_x1 < ra[2] && node.max_x2 > ra[0] && node.min_y1 < ra[3] &&
-                              node.max_y2 > ra[1])) {
-        continue;
-      }
-      if (node.left != kNone) {
-        stack_.push_back(node.left);
-        stack_.push_back(node.right);
-        continue;
-      }
-      for (size_t k = node.begin; k < node.end; ++k) {
-        if (live_[items_[k]]) visit(items_[k]);
-      }
-    }
-  }
-
- private:
-  static constexpr size_t kNone = std::numeric_limits<size_t>::max();
-  static constexpr size_t kLeafSize = 8;
-
-  struct Node {
-    T min_x1, max_x2, min_y1, max_y2;  // extent of every box below
-    size_t begin, end;                 // its boxes: items_[begin, end)
-    size_t left, right, parent;
-    size_t live;  // boxes below not yet removed
-  };
-
-  int class_of(size_t box) const { return saturating_int(rows_[box * kCols + 5]); }
-
-  // Splits items_[begin, end) at the median of x1 or y1, whichever spreads
-  // wider, down to leaves of a few boxes.
-  size_t build(size_t begin, size_t end, size_t parent) {
-    Node node{};
-    node.min_x1 = node.min_y1 = std::numeric_limits<T>::infinity();
-    node.max_x2 = node.max_y2 = -std::numeric_limits<T>::infinity();
-    // Range of the split keys x1 (axis 0) and y1 (axis 1).
-    T lo[2] = {std::numeric_limits<T>::infinity(), std::numeric_limits<T>::infinity()};
-    T hi[2] = {-std::numeric_limits<T>::infinity(), -std::numeric_limits<T>::infinity()};
-    for (size_t k = begin; k < end; ++k) {
-      const T* r = rows_ + items_[k] * kCols;
-      node.min_x1 = std::min(node.min_x1, r[0]);
-      node.max_x2 = std::max(node.max_x2, r[2]);
-      node.min_y1 = std::min(node.min_y1, r[1]);
-      node.max_y2 = std::max(node.max_y2, r[3]);
-      for (int axis = 0; axis < 2; ++axis) {
-        lo[axis] = std::min(lo[axis], r[axis]);
-        hi[axis] = std::max(hi[axis], r[axis]);
-      }
-    }
-    node.begin = begin;
-    node.end = end;
-    node.left = node.right = kNone;
-    node.parent = parent;
-    node.live = end - begin;
-    const size_t id = nodes_.size();
-    nodes_.push_back(node);
-    if (end - begin <= kLeafSize) {
-      for (size_t k = begin; k < end; ++k) leaf_[items_[k]] = id;
-      return id;
-    }
-    const T spread_x = hi[0] > lo[0] ? hi[0] - lo[0] : T(0);
-    const T spread_y = hi[1] > lo[1] ? hi[1] - lo[1] : T(0);
-    const size_t key = spread_y > spread_x ? 1 : 0;
-    const size_t mid = begin + (end - begin) / 2;
-    const auto base = items_.begin();
-    std::nth_element(base + static_cast<std::ptrdiff_t>(begin),
-                     base + static_cast<std::ptrdiff_t>(mid),
-                     base + static_cast<std::ptrdiff_t>(end), [this, key](size_t a, size_t b) {
-                       const T ka = rows_[a * kCols + key];
-                       const T kb = rows_[b * kCols + key];
-                       return ka < kb || (ka == kb && a < b);
-                     });
-    const size_t left = build(begin, mid, id);
-    const size_t right = build(mid, end, id);
-    nodes_[id].left = left;
-    nodes_[id].right = right;
-    return id;
-  }
-
-  const T* rows_;
-  std::vector<char> live_;
-  std::vector<size_t> leaf_;  // per box: its leaf (kNone when not indexed)
-  std::vector<size_t> root_;  // per box: the root of its class's tree
-  std::vector<size_t> items_;
-  std::vector<Node> nodes_;
-  std::vector<size_t> stack_;
-};
-
-// Greedy NMS over an [M, 6] row-major table. Returns the kept rows in order of
-// descending score. With agnostic false, only boxes of the same class (the
-// class column truncated to int) suppress each other.
-template <class T>
-std::vector<T> nms(std::vector<T> table, T conf_threshold, T iou_threshold, size_t max_det,
-                   bool agnostic) {
-  (void)conf_threshold;  // the table arrives already filtered
-  const size_t m = table.size() / kCols;
-  const T* rows = table.data();
-  std::vector<size_t> order(m);
-  std::iota(order.begin(), order.end(), size_t{0});
-  std::sort(order.begin(), order.end(),
-            [rows](size_t a, size_t b) { return rows[a * kCols + 4] > rows[b * kCols + 4]; });
-
-  std::vector<char> suppressed(m, 0);
-  std::vector<size_t> keep;
-  if (iou_threshold < T(0)) {
-    // IoU 0 is above a negative threshold: disjoint boxes suppress each other
-    // too, so every later pair is tested.
-    for (size_t p = 0; p < m; ++p) {
-      const size_t a = order[p];
-      if (suppressed[a]) continue;
-      keep.push_back(a);
-      if (keep.size() >= max_det) break;
-      const T* ra = rows + a * kCols;
-      const int class_a = saturating_int(ra[5]);
-      const T area_a = area_of(ra);
-      if (std::isnan(area_a)) continue;  // every IoU with it is NaN
-      for (size_t q = p + 1; q < m; ++q) {
-        const size_t b = order[q];
-        if (suppressed[b]) continue;
-        const T* rb = rows + b * kCols;
-        if (!agnostic && saturating_int(rb[5]) != class_a) continue;
-        if (suppresses(ra, area_a, rb, iou_threshold)) suppressed[b] = 1;
-      }
-    }
-  } else {
-    // The same greedy pass, testing only the later boxes that can overlap:
-    // every earlier box has left the index by the time a box is kept.
-    OverlapIndex<T> index(rows, m, agnostic);
-    for (size_t p = 0; p < m; ++p) {
-      const size_t a = order[p];
-      if (suppressed[a]) continue;
-      keep.push_back(a);
-      if (keep.size() >= max_det) break;
-      index.remove(a);
-      if (!index.indexed(a)) continue;
-      const T* ra = rows + a * kCols;
-      const T area_a = area_of(ra);
-      index.for_each_candidate(a, [&](size_t b) {
-        if (suppresses(ra, area_a, rows + b * kCols, iou_threshold)) {
-          suppressed[b] = 1;
-          index.remove(b);
-        }
-      });
-    }
-  }
-
-  std::vector<T> kept(keep.size() * kCols);
-  for (size_t k = 0; k < keep.size(); ++k) {
-    std::copy_n(rows + keep[k] * kCols, kCols, kept.data() + k * kCols);
-  }
-  return kept;
-}
-
-Detection unletterbox(const float* row, const LetterboxInfo& g, vemoproc::Pipeline rule) {
-  float box[4] = {row[0], row[1], row[2], row[3]};
-  internal::map_box(box, g, rule);
-  return {box[0], box[1], box[2], box[3], row[4], saturating_int(row[5])};
-}
-
-// Undoing a letterbox divides by its sizes.
-void check_geometry(const LetterboxInfo& g, const std::string& function, const char* name) {
-  if (g.original_width < 1 || g.original_height < 1 || g.new_width < 1 || g.new_height < 1) {
-    throw std::runtime_error(function + ": " + name +
-                             " sizes (original and new width and height) must be at least 1");
-  }
-}
-
-// Checks one image's head [rows, cols] against the options and views it.
-HeadView head_view(const float* data, size_t rows, size_t cols, const PostprocessOptions& options,
-                   const std::string& function) {
-  const size_t needed = options.objectness ? 6 : 5;
-  if ((options.channels_first ? rows : cols) < needed) {
-    throw std::runtime_error(function + ": head needs at least " + std::to_string(needed) +
-                             (options.channels_first ? " rows" : " columns") + " (4 box values" +
-                             (options.objectness ? ", objectness" : "") + " and a class score)");
-  }
-  return options.channels_first ? HeadView{data, cols, rows, true}
-                                : HeadView{data, rows, cols, false};
-}
+using internal::Candidates;
+using internal::HeadView;
+using internal::kCols;
+using internal::Mapping;
 
 // Selection, NMS and mapping for one image of the geometry overloads.
 std::vector<Detection> detect(const HeadView& head, const LetterboxInfo& letterbox,
                               const PostprocessOptions& options) {
-  std::vector<float> table = select_candidates(
-      head, {options.conf_threshold, options.objectness, options.classes, options.max_candidates});
-  if (table.empty()) return {};
-  table = nms<float>(std::move(table), options.conf_threshold, options.iou_threshold,
-                     options.max_det, options.agnostic);
+  const Candidates kept = internal::select_and_suppress(head, options);
+  const Mapping map(letterbox, options.box_mapping);
   std::vector<Detection> detections;
-  detections.reserve(table.size() / kCols);
-  for (size_t k = 0; k < table.size(); k += kCols) {
-    detections.push_back(unletterbox(table.data() + k, letterbox, options.box_mapping));
+  detections.reserve(kept.size());
+  for (size_t k = 0; k < kept.table.size(); k += kCols) {
+    detections.push_back(internal::map_box(kept.table.data() + k, map));
   }
   return detections;
 }
@@ -672,12 +281,12 @@ std::vector<Detection> postprocess(const xt::xtensor<float, 2>& predictions,
   // Best class and confidence filter in one pass over the head; only rows that
   // pass the filter get their box converted, in index order.
   const std::vector<int> all_classes;
-  std::vector<float> table =
-      select_candidates(HeadView{predictions.data(), n, c, false},
-                        {conf_threshold, false, all_classes, std::numeric_limits<size_t>::max()});
-  if (table.empty()) return {};
-
-  table = nms<float>(std::move(table), conf_threshold, iou_threshold, max_det, false);
+  const Candidates found = internal::select_candidates(
+      HeadView{predictions.data(), n, c, false},
+      {conf_threshold, false, all_classes, std::numeric_limits<size_t>::max()});
+  if (found.size() == 0) return {};
+  const std::vector<size_t> keep =
+      internal::nms_boxes(found.table.data(), found.size(), iou_threshold, max_det, false);
 
   // Undo the letterbox with the exact float gain and half the float padding
   // minus 0.1, then clip to the original image.
@@ -693,9 +302,9 @@ std::vector<Detection> postprocess(const xt::xtensor<float, 2>& predictions,
   };
 
   std::vector<Detection> detections;
-  detections.reserve(table.size() / kCols);
-  for (size_t k = 0; k < table.size(); k += kCols) {
-    const float* r = table.data() + k;
+  detections.reserve(keep.size());
+  for (const size_t k : keep) {
+    const float* r = found.table.data() + k * kCols;
     detections.push_back({restore(r[0], pad_x, orig_w), restore(r[1], pad_y, orig_h),
                           restore(r[2], pad_x, orig_w), restore(r[3], pad_y, orig_h), r[4],
                           saturating_int(r[5])});
@@ -707,8 +316,8 @@ std::vector<Detection> postprocess(const xt::xtensor<float, 2>& head,
                                    const LetterboxInfo& letterbox,
                                    const PostprocessOptions& options) {
   const HeadView view =
-      head_view(head.data(), head.shape(0), head.shape(1), options, "postprocess()");
-  check_geometry(letterbox, "postprocess()", "letterbox");
+      internal::head_view(head.data(), head.shape(0), head.shape(1), options, "postprocess()");
+  internal::check_geometry(letterbox, "postprocess()", "letterbox");
   return detect(view, letterbox, options);
 }
 
@@ -723,10 +332,11 @@ std::vector<std::vector<Detection>> postprocess_batch(const xt::xtensor<float, 3
   }
   const size_t rows = heads.shape(1);
   const size_t cols = heads.shape(2);
-  const HeadView first = head_view(heads.data(), rows, cols, options, "postprocess_batch()");
+  const HeadView first =
+      internal::head_view(heads.data(), rows, cols, options, "postprocess_batch()");
   for (size_t i = 0; i < batch; ++i) {
-    check_geometry(letterbox[i], "postprocess_batch()",
-                   ("letterbox[" + std::to_string(i) + "]").c_str());
+    internal::check_geometry(letterbox[i], "postprocess_batch()",
+                             ("letterbox[" + std::to_string(i) + "]").c_str());
   }
   std::vector<std::vector<Detection>> detections;
   detections.reserve(batch);
@@ -752,11 +362,12 @@ std::vector<Detection> postprocess_end2end(const xt::xtensor<float, 2>& rows,
     throw std::runtime_error(
         "postprocess_end2end(): rows needs at least 6 columns (x1, y1, x2, y2, score, class)");
   }
-  check_geometry(letterbox, "postprocess_end2end()", "letterbox");
+  internal::check_geometry(letterbox, "postprocess_end2end()", "letterbox");
+  const Mapping map(letterbox, box_mapping);
   std::vector<Detection> detections;
   for (size_t i = 0; i < n; ++i) {
     const float* row = rows.data() + i * c;
-    if (row[4] > conf_threshold) detections.push_back(unletterbox(row, letterbox, box_mapping));
+    if (row[4] > conf_threshold) detections.push_back(internal::map_box(row, map));
   }
   return detections;
 }
@@ -767,12 +378,7 @@ std::vector<Detection> postprocess_end2end(const xt::xtensor<float, 2>& rows,
 
 namespace {
 
-constexpr uint8_t kColorTable[20][3] = {
-    {4, 42, 255},    {11, 219, 235}, {243, 243, 243}, {0, 223, 183},  {17, 31, 104},
-    {255, 111, 221}, {255, 68, 79},  {204, 237, 0},   {0, 243, 68},   {189, 0, 255},
-    {0, 180, 255},   {221, 0, 186},  {0, 255, 255},   {38, 192, 0},   {1, 255, 179},
-    {125, 36, 255},  {123, 0, 104},  {255, 27, 108},  {252, 109, 47}, {162, 255, 11},
-};
+using internal::kColorTable;
 
 struct Canvas {
   RawImage& image;
