@@ -217,23 +217,26 @@ TEST(Letterbox, BadArgumentsThrow) {
 
 // --- Batch preprocessing ----------------------------------------------------------
 
-// Planar RGB of the letterboxed image over 255.0f, [batch, 3, height, width]:
-// 33 x 31 runs both the 16-pixel steps and the tail; the red image has 11
-// padded columns on its left.
+// Planar RGB of the letterboxed image over 255.0f, [batch, 3, height, width],
+// with the wide packing and without: 33 x 31 runs both the 16-pixel steps and
+// the tail; the red image has 11 padded columns on its left.
 TEST(Preprocess, PacksPlanarRgbDividedBy255) {
   const std::vector<std::string> paths = {
       testimg::write(
           testimg::make(32, 24, 3, [](int x, int y, int c) { return 8 * x + y + 60 * c; }),
           Format::Png, "grad.png"),
       testimg::write(testimg::solid(10, 30, 255, 0, 0), Format::Bmp, "red.bmp")};
-  const auto batch = yolo::preprocess(paths, {33, 31});
-  ASSERT_EQ(batch.shape(), (std::array<size_t, 4>{2, 3, 31, 33}));
-  for (size_t i = 0; i < 2; ++i) {
-    const auto boxed = yolo::letterbox(yolo::RawImage(paths[i]), {33, 31}, 114);
-    for (int c = 0; c < 3; ++c)
-      for (int y = 0; y < 31; ++y)
-        for (int x = 0; x < 33; ++x)
-          ASSERT_EQ(batch(i, c, y, x), float(pixel(boxed, x, y)[c]) / 255.0f) << i << c << y << x;
+  for (bool wide : {false, true}) {  // the wide packing last, leaving the default
+    vemoproc::detail::set_wide_paths_enabled(wide);
+    const auto batch = yolo::preprocess(paths, {33, 31});
+    ASSERT_EQ(batch.shape(), (std::array<size_t, 4>{2, 3, 31, 33}));
+    for (size_t i = 0; i < 2; ++i) {
+      const auto boxed = yolo::letterbox(yolo::RawImage(paths[i]), {33, 31}, 114);
+      for (int c = 0; c < 3; ++c)
+        for (int y = 0; y < 31; ++y)
+          for (int x = 0; x < 33; ++x)
+            ASSERT_EQ(batch(i, c, y, x), float(pixel(boxed, x, y)[c]) / 255.0f) << i << c << y << x;
+    }
   }
   EXPECT_EQ(yolo::preprocess({}, {32, 16}).shape(), (std::array<size_t, 4>{0, 3, 16, 32}));
   const std::string missing = (testimg::scratch_dir() / "nope.jpg").string();
