@@ -477,7 +477,6 @@ TEST(DrawDetections, HostileBoxesAndLabelsStayInsideTheImage) {
                                               {-50, 5, 10, 20, 1, 2},
                                               {5, 5, 1, 1, 1, 1}};
   yolo::draw_detections(im, boxes, {std::string(300, 'W'), "caf\xc3\xa9\n\x01\x7f"}, true, 1 << 30);
-  EXPECT_EQ(im.data.size(), 40u * 30 * 3);
   yolo::RawImage empty, lying = solid_image(4, 4, {0, 0, 0});
   yolo::draw_detections(empty, boxes, {}, true, 1);
   lying.height = 40;
