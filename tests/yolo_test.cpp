@@ -325,8 +325,9 @@ TEST(Postprocess, SelectionAndNmsFollowTheRule) {
       {"candidate cap: highest, earlier of equals", head(apart), opt(0.25f, 0.45f, 300, false, {}, 3),
        {{0.9f, 0}, {0.7f, 0}, {0.5f, 0}}},
       {"candidate cap 0", head(apart), opt(0.25f, 0.45f, 300, false, {}, 0), {}},
-      // 0.5 * 0.9 for class 1; 0.2 * 0.95 = 0.19 is below 0.25.
-      {"objectness multiplies", head({head_row(0, 0, 10, 10, {0.5f, 0.6f, 0.9f}), head_row(50, 50, 60, 60, {0.2f, 0.95f, 0})}),
+      // 0.5 * 0.9 for class 1; 0.2 * 0.95 = 0.19 is below 0.25, 0.5 * 0.5 equal to it.
+      {"objectness multiplies", head({head_row(0, 0, 10, 10, {0.5f, 0.6f, 0.9f}), head_row(50, 50, 60, 60, {0.2f, 0.95f, 0}),
+                                      head_row(100, 100, 110, 110, {0.5f, 0.5f, 0})}),
        opt(0.25f, 0.45f, 300, false, {}, 30000, true), {{0.5f * 0.9f, 1}}},
   };
   // clang-format on

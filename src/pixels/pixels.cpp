@@ -444,7 +444,7 @@ Image to_rgb(const ImageView& view, Rotation rotation) {
         std::memcpy(dst, src, w * 3);
         break;
       case PixelFormat::BGR:
-        reorder_row<3, false>(src, w, dst);
+        reorder_row<3, true>(src, w, dst);
         break;
       case PixelFormat::RGBA:
         reorder_row<4, false>(src, w, dst);
