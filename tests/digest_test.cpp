@@ -56,15 +56,18 @@ struct Fnv {
   }
 };
 
-// Shape first, then the elements' bytes (bool as one byte each).
-template <class E>
-void add_tensor(Fnv& f, const E& t) {
-  f.u64(t.dimension());
-  for (size_t d : t.shape()) f.u64(d);
-  for (const auto& v : t) {
-    const auto value = v;
-    f.bytes(&value, sizeof value);
-  }
+// Each tensor's shape first, then its elements' bytes (bool as one byte each).
+template <class... E>
+void add_tensor(Fnv& f, const E&... tensors) {
+  const auto one = [&f](const auto& t) {
+    f.u64(t.dimension());
+    for (size_t d : t.shape()) f.u64(d);
+    for (const auto& v : t) {
+      const auto value = v;
+      f.bytes(&value, sizeof value);
+    }
+  };
+  (one(tensors), ...);
 }
 
 // One digest per kind of result: tensors, pixels, detections, patches and grid.
@@ -82,7 +85,7 @@ void digest(Fnv& f, const std::vector<yolo::Detection>& dets) {
   }
 }
 void digest(Fnv& f, const qwen2vl::Qwen2VLImageOutput& out) {
-  add_tensor(f, out.patches), add_tensor(f, out.grid_thw);
+  add_tensor(f, out.patches, out.grid_thw);
 }
 
 // True when the table is being regenerated rather than checked.
@@ -201,17 +204,10 @@ void image_family(Recorder& r) {
   for (int lay = 0; lay < 3; ++lay)  // NV12, NV21, I420
     for (int range = 0; range < 2; ++range)
       for (Rotation rot : {Rotation::None, Rotation::Clockwise90}) {
-        const bool planar = vemoproc::YuvLayout(lay) == vemoproc::YuvLayout::I420;
-        const vemoproc::YuvView frame{Y.data(),
-                                      size_t(w),
-                                      planar ? U.data() : UV.data(),
-                                      size_t(planar ? cw : 2 * cw),
-                                      planar ? V.data() : nullptr,
-                                      size_t(cw),
-                                      w,
-                                      h,
-                                      vemoproc::YuvLayout(lay),
-                                      vemoproc::YuvRange(range)};
+        vemoproc::YuvView frame{
+            Y.data(),   size_t(w), UV.data(), size_t(2 * cw),           nullptr,
+            size_t(cw), w,         h,         vemoproc::YuvLayout(lay), vemoproc::YuvRange(range)};
+        if (lay == 2) frame.u = U.data(), frame.u_stride = cw, frame.v = V.data();
         r.put("to_rgb.yuv" + num(lay) + "." + num(range) + ".rot" + num(int(rot)),
               [&] { return vemoproc::to_rgb(frame, rot).rgb; });
       }
@@ -352,8 +348,8 @@ void vision_family(Recorder& r) {
         std::vector<xt::xtensor<uint8_t, 3>>{load("rgb_64x48.jpg"), load("wide_400x3.png")});
   });
   r.add("qwen2vl.resize_image", [&](Fnv& f) {
-    add_tensor(f, qwen2vl::resize_image(load("rgba_31x29.png"), 56, 28));
-    add_tensor(f, qwen2vl::resize_image(load("rgba_31x29.png"), 3, 97));
+    const auto a = load("rgba_31x29.png");
+    add_tensor(f, qwen2vl::resize_image(a, 56, 28), qwen2vl::resize_image(a, 3, 97));
   });
   r.add("qwen2vl.smart_resize", [&](Fnv& f) {
     for (int hgt : {1, 27, 28, 29, 111, 480, 1080, 5000})
@@ -384,8 +380,8 @@ void vision_family(Recorder& r) {
 void dia_family(Recorder& r) {
   dia::DiaPreprocessor dp;
   r.add("text", [&](Fnv& f) {
-    add_tensor(f, dp.prepareTextInput("[S1] Hello there. [S2] w\xc3\xb6rld [S1]", 0, 48));
-    add_tensor(f, dp.prepareTextInput("[S2]cut short", 7, 5));
+    add_tensor(f, dp.prepareTextInput("[S1] Hello there. [S2] w\xc3\xb6rld [S1]", 0, 48),
+               dp.prepareTextInput("[S2]cut short", 7, 5));
   });
   // Blocks with a short and a long frame axis; nine channels reach the
   // eight-a-step path.
@@ -400,13 +396,11 @@ void dia_family(Recorder& r) {
     for (size_t i = 0; i < audio.size(); ++i) audio.flat(i) = float(i) * 1.5f - 3.0f;
     r.add("delay." + tag, [&](Fnv& f) {
       const auto idx = dp.buildDelayIndices(s.B, s.T, s.C, s.delays);
-      add_tensor(f, std::get<0>(idx)), add_tensor(f, std::get<1>(idx));
-      add_tensor(f, dp.applyAudioDelay(audio, -1.0f, -2.0f, idx));
+      add_tensor(f, std::get<0>(idx), std::get<1>(idx), dp.applyAudioDelay(audio, -1, -2, idx));
     });
     r.add("revert." + tag, [&](Fnv& f) {
       const auto idx = dp.buildRevertIndices(s.B, s.T, s.C, s.delays);
-      add_tensor(f, std::get<0>(idx)), add_tensor(f, std::get<1>(idx));
-      add_tensor(f, dp.revertAudioDelay(audio, -1.0f, idx, s.T));
+      add_tensor(f, std::get<0>(idx), std::get<1>(idx), dp.revertAudioDelay(audio, -1, idx, s.T));
     });
   }
   r.add("prompt", [&](Fnv& f) {
@@ -422,8 +416,7 @@ void dia_family(Recorder& r) {
     xt::xarray<bool> k = xt::zeros<bool>({2, 7});
     for (size_t i = 0; i < q.size(); ++i) q.flat(i) = i % 3 != 1;
     for (size_t i = 0; i < k.size(); ++i) k.flat(i) = i % 4 != 2;
-    add_tensor(f, dp.createAttnMask(q, q, true));
-    add_tensor(f, dp.createAttnMask(q, k, false));
+    add_tensor(f, dp.createAttnMask(q, q, true), dp.createAttnMask(q, k, false));
   });
   // Logits with ties; greedy decoding, and top-k / top-p so narrow that only
   // the most probable code can be drawn, are exact; the seeded form is
@@ -433,8 +426,8 @@ void dia_family(Recorder& r) {
   for (size_t i = 0; i < logits.size(); ++i)
     logits.flat(i) = float(int(rng.next() >> 20) % 400) / 16.0f - 12.0f;
   r.add("sample.greedy", [&](Fnv& f) {
-    add_tensor(f, dp.sampleNextToken(logits, 0.0f, 0.9f, 50));
-    add_tensor(f, dp.sampleNextToken(logits, -0.0f, 1.0f, 0));
+    add_tensor(f, dp.sampleNextToken(logits, 0.0f, 0.9f, 50),
+               dp.sampleNextToken(logits, -0.0f, 1.0f, 0));
   });
   r.add("sample.seeded", [&](Fnv& f) {
     add_tensor(f, dp.sampleNextToken(logits, 1.0f, 1.0f, 0, 42));
@@ -491,16 +484,18 @@ void streamer_family(Recorder& r) {
 // The committed table, and the updates collected when regenerating.
 const char* const kDigestFile = VEMOPROC_DIGESTS_FILE;
 
-Results read_table() {
+// The committed entries whose names start with `prefix`.
+Results read_table(const std::string& prefix = "") {
   Results t;
   std::ifstream in(kDigestFile);
   std::string line, name, hex;
   while (std::getline(in, line))
-    if (!line.empty() && line[0] != '#' && std::istringstream(line) >> name >> hex)
+    if (line[0] != '#' && std::istringstream(line) >> name >> hex && name.rfind(prefix, 0) == 0)
       t[name] = std::stoull(hex, nullptr, 16);
   return t;
 }
 
+// Replaces the family's entries and keeps the others.
 void write_table(const std::string& family, const Results& fresh) {
   Results t = read_table();
   for (auto it = t.begin(); it != t.end();)
@@ -510,11 +505,10 @@ void write_table(const std::string& family, const Results& fresh) {
   out << "# FNV-1a 64 digests of every deterministic result in tests/digest_test.cpp,\n"
          "# the same on every architecture. Regenerate with\n"
          "#   VEMOPROC_UPDATE_DIGESTS=1 build/release/tests/digest_test\n";
-  for (const auto& [name, value] : t) {
-    char hex[17];
-    std::snprintf(hex, sizeof hex, "%016llx", static_cast<unsigned long long>(value));
-    out << name << ' ' << hex << '\n';
-  }
+  char hex[17];
+  for (const auto& [name, value] : t)
+    std::snprintf(hex, sizeof hex, "%016llx", static_cast<unsigned long long>(value)),
+        out << name << ' ' << hex << '\n';
   ASSERT_TRUE(out.good()) << "cannot write " << kDigestFile;
 }
 
@@ -533,19 +527,17 @@ void check_family(const std::string& family, void (*run)(Recorder&)) {
   EXPECT_EQ(wide.out, portable.out) << "wide and portable paths differ";
   EXPECT_EQ(wide.out, threaded.out) << "one thread and four differ";
   if (updating()) return write_table(family, wide.out);
-  Results want;
-  for (const auto& [name, value] : read_table())
-    if (name.rfind(family + ".", 0) == 0) want[name] = value;
+  const Results want = read_table(family + ".");
   ASSERT_FALSE(want.empty()) << "no " << family << " digests in " << kDigestFile;
-  for (const auto& [name, value] : wide.out) {
-    const auto it = want.find(name);
-    if (it == want.end())
-      ADD_FAILURE() << name << " has no committed digest";
+  Results names = want;
+  names.insert(wide.out.begin(), wide.out.end());
+  for (const auto& [name, unused] : names)
+    if (!want.count(name) || !wide.out.count(name))
+      ADD_FAILURE() << name
+                    << (want.count(name) ? " is committed but no longer computed"
+                                         : " has no committed digest");
     else
-      EXPECT_EQ(it->second, value) << name << " changed";
-  }
-  for (const auto& [name, value] : want)
-    EXPECT_TRUE(wide.out.count(name)) << name << " is committed but no longer computed";
+      EXPECT_EQ(want.at(name), wide.out.at(name)) << name << " changed";
 }
 
 }  // namespace
