@@ -85,8 +85,8 @@ TEST(ConvNextPreprocessor, RejectsBadFilesAndArguments) {
       {run(4, -0.5f, ok), "crop_pct"},
       {run(4, 1.01f, ok), "crop_pct"},
       {run(4, NAN, ok), "crop_pct"},
-      {run(0, 0.5f, ok), "size"},
-      {run(-3, 0.5f, ok), "size"},
+      {run(0, 0.5f, ok), "size must be at least 1"},
+      {run(-3, 0.5f, ok), "size must be at least 1"},
       {run(224, 1e-8f, ok), ""},
       {run(224, 0.875f, wide), "Failed to resize image"},
       {[] {

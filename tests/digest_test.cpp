@@ -12,8 +12,8 @@
 
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -267,7 +267,8 @@ void yolo_family(Recorder& r) {
     for (const yolo::LetterboxInfo& li : b.letterbox)
       f.bytes(&li.scale, sizeof li.scale), f.u64(uint64_t(li.left) << 32 | uint64_t(li.top));
   });
-  // The geometry overloads, each option on its own, a batch and an end-to-end head.
+  // The geometry overloads, each option on its own, a batch and an end-to-end
+  // head.
   const yolo::LetterboxInfo geom = yolo::letterbox_info(720, 480, {640, 640});
   const xt::xtensor<float, 2> head = detection_head(400, 6, 640, 9);
   const std::pair<const char*, void (*)(PostprocessOptions&)> variants[] = {
@@ -305,7 +306,8 @@ void yolo_family(Recorder& r) {
     }
     return yolo::postprocess_end2end(rows, geom, 0.3f);
   });
-  // The positional overload: many boxes, a tall original, and none above the threshold.
+  // The positional overload: many boxes, a tall original, and none above the
+  // threshold.
   r.put("postprocess.wide", [&] {
     return yolo::postprocess(detection_head(400, 6, 640, 5), {640, 640}, {480, 720}, 0.25f, 0.45f,
                              100);
@@ -412,8 +414,7 @@ void dia_family(Recorder& r) {
     }
   });
   r.add("masks", [&](Fnv& f) {
-    xt::xarray<bool> q = xt::zeros<bool>({2, 5});
-    xt::xarray<bool> k = xt::zeros<bool>({2, 7});
+    xt::xarray<bool> q = xt::zeros<bool>({2, 5}), k = xt::zeros<bool>({2, 7});
     for (size_t i = 0; i < q.size(); ++i) q.flat(i) = i % 3 != 1;
     for (size_t i = 0; i < k.size(); ++i) k.flat(i) = i % 4 != 2;
     add_tensor(f, dp.createAttnMask(q, q, true), dp.createAttnMask(q, k, false));
@@ -430,15 +431,13 @@ void dia_family(Recorder& r) {
                dp.sampleNextToken(logits, -0.0f, 1.0f, 0));
   });
   r.add("sample.seeded", [&](Fnv& f) {
-    add_tensor(f, dp.sampleNextToken(logits, 1.0f, 1.0f, 0, 42));
-    add_tensor(f, dp.sampleNextToken(logits, 0.7f, 0.9f, 40, 0xFFFFFFFFFFFFFFFFull));
-    add_tensor(f, dp.sampleNextToken(logits, dia::SamplingParams{1.2f, 0.95f, 100, 0.05f}, 7));
-    add_tensor(f, dp.sampleNextToken(logits, dia::SamplingParams{0.0f, 1.0f, 0, 0.0f}, 7));
+    add_tensor(f, dp.sampleNextToken(logits, 1.0f, 1.0f, 0, 42),
+               dp.sampleNextToken(logits, 0.7f, 0.9f, 40, 0xFFFFFFFFFFFFFFFFull),
+               dp.sampleNextToken(logits, dia::SamplingParams{1.2f, 0.95f, 100, 0.05f}, 7),
+               dp.sampleNextToken(logits, dia::SamplingParams{0.0f, 1.0f, 0, 0.0f}, 7));
   });
-  r.add("sample.top_k_1",
-        [&](Fnv& f) { add_tensor(f, dp.sampleNextToken(logits, 0.8f, 1.0f, 1)); });
-  r.add("sample.top_p_narrow",
-        [&](Fnv& f) { add_tensor(f, dp.sampleNextToken(logits, 1.3f, 1e-6f, 0)); });
+  r.put("sample.top_k_1", [&] { return dp.sampleNextToken(logits, 0.8f, 1.0f, 1); });
+  r.put("sample.top_p_narrow", [&] { return dp.sampleNextToken(logits, 1.3f, 1e-6f, 0); });
   r.add("cfg_and_mask", [&](Fnv& f) {
     xt::xarray<float> uncond = logits * 0.5f - 1.0f;
     xt::xarray<float> guided = dp.applyCfg(logits, uncond, 3.0f);
@@ -502,7 +501,8 @@ void write_table(const std::string& family, const Results& fresh) {
     it = it->first.rfind(family + ".", 0) == 0 ? t.erase(it) : std::next(it);
   t.insert(fresh.begin(), fresh.end());
   std::ofstream out(kDigestFile);
-  out << "# FNV-1a 64 digests of every deterministic result in tests/digest_test.cpp,\n"
+  out << "# FNV-1a 64 digests of every deterministic result in "
+         "tests/digest_test.cpp,\n"
          "# the same on every architecture. Regenerate with\n"
          "#   VEMOPROC_UPDATE_DIGESTS=1 build/release/tests/digest_test\n";
   char hex[17];

@@ -115,27 +115,23 @@ TEST(Qwen2VLImageProcessor, PatchRowsInMergeOrderAndNormalisedValues) {
   const Image img = make_image(224, 224, 1), other = make_image(56, 84, 2);
   const auto out = processor(true, false, false).preprocess(Images{img});
   ASSERT_EQ(out.patches.shape(), (std::vector<size_t>{256, 1176}));
-  expect_cells(out, {1, 16, 16},
-               {{0, 0, &img, 0, 0, 0},
-                {1, 0, &img, 0, 14, 0},
-                {2, 0, &img, 14, 0, 0},
-                {4, 0, &img, 0, 28, 0},
-                {0, 15, &img, 1, 1, 0},
-                {3, 196 + 20, &img, 15, 20, 0},
-                {3, 392 + 20, &img, 15, 20, 1},
-                {32, 0, &img, 28, 0, 0},
-                {255, 1175, &img, 223, 223, 2}});
+  const std::vector<Cell> c14 = {
+      {0, 0, &img, 0, 0, 0},     {1, 0, &img, 0, 14, 0},  {2, 0, &img, 14, 0, 0},
+      {4, 0, &img, 0, 28, 0},    {0, 15, &img, 1, 1, 0},  {3, 216, &img, 15, 20, 0},
+      {3, 412, &img, 15, 20, 1}, {32, 0, &img, 28, 0, 0}, {255, 1175, &img, 223, 223, 2}};
+  expect_cells(out, {1, 16, 16}, c14);
   // 7-pixel patches, one frame (147 columns), merge 2; 4-pixel patches, three
   // frames (144 columns), no merging.
+  const std::vector<Cell> c7 = {
+      {1, 0, &other, 0, 7, 0}, {2, 8, &other, 8, 1, 0}, {4, 52, &other, 0, 17, 1}};
+  const std::vector<Cell> c4 = {{1, 0, &other, 0, 4, 0},
+                                {21, 5, &other, 5, 1, 0},
+                                {0, 21, &other, 1, 1, 0},
+                                {0, 48, &other, 0, 0, 1}};
   expect_cells(processor(false, false, false, {}, {}, 7, 1, 2).preprocess(Images{other}),
-               {1, 8, 12},
-               {{1, 0, &other, 0, 7, 0}, {2, 8, &other, 8, 1, 0}, {4, 52, &other, 0, 17, 1}});
+               {1, 8, 12}, c7);
   expect_cells(processor(false, false, false, {}, {}, 4, 3, 1).preprocess(Images{other}),
-               {1, 14, 21},
-               {{1, 0, &other, 0, 4, 0},
-                {21, 5, &other, 5, 1, 0},
-                {0, 21, &other, 1, 1, 0},
-                {0, 48, &other, 0, 0, 1}});
+               {1, 14, 21}, c4);
   // One mean and std value serves all channels.
   const Image small = make_image(28, 28, 4);
   const auto norm = processor(false, true, true).preprocess(Images{small});
@@ -179,16 +175,11 @@ TEST(Qwen2VLImageProcessor, BatchesViewsAndVideos) {
   // Three frames pad to (a, b), (c, c): in each channel of a row, 196 values
   // of the group's first frame, then 196 of its second.
   const Image a = make_image(56, 84, 1), b = make_image(56, 84, 2), c = make_image(56, 84, 3);
-  expect_cells(
-      processor(false, false, false).preprocess_video({view_of(a), view_of(b), view_of(c)}),
-      {2, 4, 6},
-      {{0, 0, &a, 0, 0, 0},
-       {0, 196, &b, 0, 0, 0},
-       {0, 392 + 196 + 15, &b, 1, 1, 1},
-       {1, 0, &a, 0, 14, 0},
-       {24, 0, &c, 0, 0, 0},
-       {24, 196, &c, 0, 0, 0},
-       {47, 1175, &c, 55, 83, 2}});
+  const std::vector<Cell> cells = {
+      {0, 0, &a, 0, 0, 0},  {0, 196, &b, 0, 0, 0},  {0, 603, &b, 1, 1, 1},    {1, 0, &a, 0, 14, 0},
+      {24, 0, &c, 0, 0, 0}, {24, 196, &c, 0, 0, 0}, {47, 1175, &c, 55, 83, 2}};
+  auto raw = processor(false, false, false);
+  expect_cells(raw.preprocess_video({view_of(a), view_of(b), view_of(c)}), {2, 4, 6}, cells);
 }
 
 TEST(Qwen2VLVideo, FrameIndicesAreEvenlySpacedWholeGroups) {

@@ -50,8 +50,8 @@ TEST(ZentilPreprocessor, ViewsSizesAndErrors) {
   const std::string small = testimg::write(testimg::solid(4, 4, 1, 2, 3), Format::Tga, "s.tga");
   const uint64_t saved = vemoproc::max_image_pixels();
   const std::tuple<int, std::string, uint64_t, std::string> errors[] = {
-      {-1, path, saved, "size"},
-      {(1 << 24) + 1, path, saved, "size"},
+      {-1, path, saved, "size must not be negative"},
+      {(1 << 24) + 1, path, saved, "size must not exceed 16777216"},
       {4, missing, saved, "Failed to load image: " + missing},
       {4, testimg::write_garbage("z.bmp"), saved, ""},
       {17, path, 23 * 40 - 1, "Failed to load image: " + path},  // the decode
