@@ -12,6 +12,8 @@ namespace {
 
 using convnext::ConvNextPreprocessor;
 using testimg::Format;
+using testing::HasSubstr;
+using testing::ThrowsMessage;
 
 // (v * k - mean[c]) / std[c], k the float with bit pattern 0x3B808081 (for
 // some bytes not the float a division by 255 gives).
@@ -95,7 +97,7 @@ TEST(ConvNextPreprocessor, RejectsBadFilesAndArguments) {
        },
        "image.data"}};
   for (const auto& [f, what] : errors)
-    EXPECT_THAT(f, testing::ThrowsMessage<std::runtime_error>(testing::HasSubstr(what))) << what;
+    EXPECT_THAT(f, ThrowsMessage<std::runtime_error>(HasSubstr(what))) << what;
 }
 
 }  // namespace

@@ -76,7 +76,7 @@ void digest(Fnv& f, const xt::xexpression<E>& t) {
   add_tensor(f, t.derived_cast());
 }
 void digest(Fnv& f, const std::vector<uint8_t>& pixels) { f.all(pixels); }
-void digest(Fnv& f, const std::vector<yolo::Detection>& dets) {
+void add_detections(Fnv& f, const std::vector<yolo::Detection>& dets) {
   f.u64(dets.size());
   for (const yolo::Detection& d : dets) {
     const float v[5] = {d.x1, d.y1, d.x2, d.y2, d.score};
@@ -84,6 +84,7 @@ void digest(Fnv& f, const std::vector<yolo::Detection>& dets) {
     f.u64(uint64_t(int64_t(d.class_id)));
   }
 }
+void digest(Fnv& f, const std::vector<yolo::Detection>& dets) { add_detections(f, dets); }
 void digest(Fnv& f, const qwen2vl::Qwen2VLImageOutput& out) {
   add_tensor(f, out.patches, out.grid_thw);
 }

@@ -34,6 +34,7 @@ uint8_t pattern(int x, int y, int c) { return static_cast<uint8_t>(x * 37 + y * 
 Image decode_bytes(const std::vector<uint8_t>& bytes, bool exif = false) {
   return vemoproc::decode_image(bytes.data(), bytes.size(), exif);
 }
+Image decode_file(const std::string& path) { return decode_bytes(testimg::read_bytes(path)); }
 
 // Restores the process-wide budget when a test changes it.
 struct BudgetGuard {
@@ -59,14 +60,14 @@ TEST(DecodeImage, GivesStbsPixelsForEveryFormatAndNamesFailures) {
     int w = 0, h = 0, comp = 0;
     std::unique_ptr<stbi_uc, void (*)(void*)> want(stbi_load(path.c_str(), &w, &h, &comp, 3),
                                                    &stbi_image_free);
-    const Image image = decode_bytes(testimg::read_bytes(path));
+    const Image image = decode_file(path);
     EXPECT_EQ(std::make_pair(image.width, image.height), std::make_pair(w, h));
     EXPECT_EQ(image.rgb, std::vector<uint8_t>(want.get(), want.get() + w * h * 3)) << path;
   }
   // PIC, the format whose decoder is worked around; a truncated one fails cleanly.
   std::vector<uint8_t> rgb(5 * 4 * 3);
   for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = static_cast<uint8_t>(i * 7);
-  EXPECT_EQ(decode_bytes(testimg::read_bytes(testimg::write_pic(5, 4, rgb, "x.pic"))).rgb, rgb);
+  EXPECT_EQ(decode_file(testimg::write_pic(5, 4, rgb, "x.pic")).rgb, rgb);
   const auto cut =
       testimg::read_bytes(testimg::write_pic(6, 6, std::vector<uint8_t>(108), "t.pic", 40));
   EXPECT_THROW(decode_bytes(cut), std::runtime_error);

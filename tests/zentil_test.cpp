@@ -10,6 +10,8 @@
 namespace {
 
 using testimg::Format;
+using testing::HasSubstr;
+using testing::ThrowsMessage;
 using zentil::ZentilPreprocessor;
 
 // (v * k - 0.5) / 0.5, k the float with bit pattern 0x3B808081.
@@ -59,7 +61,7 @@ TEST(ZentilPreprocessor, ViewsSizesAndErrors) {
   for (const auto& [size, in, budget, what] : errors) {
     vemoproc::set_max_image_pixels(budget);
     const auto run = [s = size, f = in] { ZentilPreprocessor(s).process(f); };
-    EXPECT_THAT(run, testing::ThrowsMessage<std::runtime_error>(testing::HasSubstr(what))) << size;
+    EXPECT_THAT(run, ThrowsMessage<std::runtime_error>(HasSubstr(what))) << size;
   }
   vemoproc::set_max_image_pixels(saved);
 }
