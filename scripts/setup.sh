@@ -12,7 +12,7 @@ set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 
 demo_packages=(
-  g++ cmake make pkg-config ca-certificates npm
+  g++ cmake make pkg-config ca-certificates
   libxtensor-dev xtl-dev libcli11-dev libjpeg62-turbo-dev
 )
 test_packages=(
@@ -38,10 +38,23 @@ for job in "$@"; do
 done
 
 missing=()
+native=$(dpkg --print-architecture)
 for pkg in "${wanted[@]}"; do
-  status=$(dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null || true)
+  # A name without an architecture means the machine's own build (or an
+  # architecture-independent package): with arm64 added as a foreign
+  # architecture, a bare name can also match its arm64 build.
+  if [[ $pkg == *:* ]]; then
+    status=$(dpkg-query -W -f='${Status}\n' "$pkg" 2>/dev/null || true)
+  else
+    status=$(dpkg-query -W -f='${Status} ${Architecture}\n' "$pkg" 2>/dev/null || true)
+    grep -qx -e "install ok installed $native" -e "install ok installed all" <<<"$status" &&
+      status="install ok installed"
+  fi
   [ "$status" = "install ok installed" ] || missing+=("$pkg")
 done
+# npm fetches stb; any npm on PATH will do (a machine may have it from
+# another node packaging than Debian's, which Debian's npm would conflict with).
+command -v npm >/dev/null 2>&1 || missing+=(npm)
 
 if [ "${#missing[@]}" -gt 0 ]; then
   # Each package once, in the order first named.
