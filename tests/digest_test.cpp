@@ -12,8 +12,8 @@
 
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -49,21 +49,44 @@ struct Fnv {
     for (size_t i = 0; i < n; ++i) h = (h ^ b[i]) * 1099511628211ull;
   }
   void u64(uint64_t v) { bytes(&v, sizeof v); }
-  void text(const std::string& s) {
-    u64(s.size());
-    bytes(s.data(), s.size());
+  void text(const std::string& s) { u64(s.size()), bytes(s.data(), s.size()); }
+  template <class T>
+  void all(const std::vector<T>& v) {
+    bytes(v.data(), v.size() * sizeof(T));
   }
 };
 
-// Shape first, then the elements' bytes (bool as one byte each).
+// Each tensor's shape first, then its elements' bytes (bool as one byte each).
+template <class... E>
+void add_tensor(Fnv& f, const E&... tensors) {
+  const auto one = [&f](const auto& t) {
+    f.u64(t.dimension());
+    for (size_t d : t.shape()) f.u64(d);
+    for (const auto& v : t) {
+      const auto value = v;
+      f.bytes(&value, sizeof value);
+    }
+  };
+  (one(tensors), ...);
+}
+
+// One digest per kind of result: tensors, pixels, detections, patches and grid.
 template <class E>
-void add_tensor(Fnv& f, const E& t) {
-  f.u64(t.dimension());
-  for (size_t d : t.shape()) f.u64(d);
-  for (const auto& v : t) {
-    const auto value = v;
-    f.bytes(&value, sizeof value);
+void digest(Fnv& f, const xt::xexpression<E>& t) {
+  add_tensor(f, t.derived_cast());
+}
+void digest(Fnv& f, const std::vector<uint8_t>& pixels) { f.all(pixels); }
+void add_detections(Fnv& f, const std::vector<yolo::Detection>& dets) {
+  f.u64(dets.size());
+  for (const yolo::Detection& d : dets) {
+    const float v[5] = {d.x1, d.y1, d.x2, d.y2, d.score};
+    f.bytes(v, sizeof v);
+    f.u64(uint64_t(int64_t(d.class_id)));
   }
+}
+void digest(Fnv& f, const std::vector<yolo::Detection>& dets) { add_detections(f, dets); }
+void digest(Fnv& f, const qwen2vl::Qwen2VLImageOutput& out) {
+  add_tensor(f, out.patches, out.grid_thw);
 }
 
 // True when the table is being regenerated rather than checked.
@@ -92,6 +115,11 @@ struct Recorder {
     }
     out[family + "." + name] = f.h;
   }
+  // Records the digest of what `make` returns.
+  template <class Make>
+  void put(const std::string& name, Make make) {
+    add(name, [&](Fnv& f) { digest(f, make()); });
+  }
 };
 
 // A small linear congruential generator: the same numbers everywhere.
@@ -114,15 +142,15 @@ testimg::Pixels pattern(int w, int h, int channels, uint32_t seed) {
   });
 }
 
-struct TestImage {
-  std::string name;
-  int width, height, channels;
-  Format format;
-};
-
-// Formats, channel counts, odd sizes and extreme aspect ratios.
-const std::vector<TestImage>& images() {
-  static const std::vector<TestImage> list = {
+// Formats, channel counts, odd sizes and extreme aspect ratios, written once
+// per process (seeds 1, 2, ... in this order); name -> path.
+const std::map<std::string, std::string>& image_paths() {
+  struct TestImage {
+    const char* name;
+    int width, height, channels;
+    Format format;
+  };
+  static const TestImage list[] = {
       {"rgb_64x48.png", 64, 48, 3, Format::Png},   {"grey_33x17.png", 33, 17, 1, Format::Png},
       {"ga_20x21.png", 20, 21, 2, Format::Png},    {"rgba_31x29.png", 31, 29, 4, Format::Png},
       {"one_1x1.png", 1, 1, 3, Format::Png},       {"wide_400x3.png", 400, 3, 3, Format::Png},
@@ -131,77 +159,58 @@ const std::vector<TestImage>& images() {
       {"rgb_37x23.bmp", 37, 23, 3, Format::Bmp},   {"rgba_12x9.bmp", 12, 9, 4, Format::Bmp},
       {"rgb_29x41.tga", 29, 41, 3, Format::Tga},   {"rgba_8x8.tga", 8, 8, 4, Format::Tga},
   };
-  return list;
-}
-
-// Writes the data set once per process; returns name -> path.
-const std::map<std::string, std::string>& image_paths() {
   static const std::map<std::string, std::string> paths = [] {
     std::map<std::string, std::string> p;
     uint32_t seed = 1;
-    for (const TestImage& t : images())
+    for (const TestImage& t : list)
       p[t.name] = testimg::write(pattern(t.width, t.height, t.channels, seed++), t.format, t.name);
     return p;
   }();
   return paths;
 }
 
+vemoproc::Image decoded(const char* name) { return testimg::decode(image_paths().at(name)); }
+
+std::string num(int v) { return std::to_string(v); }
+
 void image_family(Recorder& r) {
   using vemoproc::PixelFormat;
   using vemoproc::Rotation;
   for (const auto& [name, path] : image_paths()) {
     const std::vector<uint8_t> bytes = testimg::read_bytes(path);
-    r.add("file." + name, [&](Fnv& f) { f.bytes(bytes.data(), bytes.size()); });
+    r.put("file." + name, [&] { return bytes; });
     r.add("decode." + name, [&](Fnv& f) {
       const vemoproc::Image img = vemoproc::decode_image(bytes.data(), bytes.size());
       f.u64(uint64_t(img.width) << 32 | uint64_t(img.height));
-      f.bytes(img.rgb.data(), img.rgb.size());
+      f.all(img.rgb);
     });
   }
-  const vemoproc::Image img = testimg::decode(image_paths().at("rgb_37x23.bmp"));
-  for (PixelFormat pf : {PixelFormat::RGB, PixelFormat::BGR, PixelFormat::RGBA, PixelFormat::BGRA,
-                         PixelFormat::GRAY})
-    for (Rotation rot :
-         {Rotation::None, Rotation::Clockwise90, Rotation::Rotate180, Rotation::Clockwise270}) {
-      const testimg::Layout l = testimg::lay_out(img, pf, 3);
-      r.add("to_rgb.view" + std::to_string(int(pf)) + ".rot" + std::to_string(int(rot)),
-            [&](Fnv& f) {
-              const vemoproc::Image out = vemoproc::to_rgb(l.view, rot);
-              f.bytes(out.rgb.data(), out.rgb.size());
-            });
+  const Rotation turns[] = {Rotation::None, Rotation::Clockwise90, Rotation::Rotate180,
+                            Rotation::Clockwise270};
+  for (int pf = 0; pf < 5; ++pf)
+    for (Rotation rot : turns) {
+      const testimg::Layout l = testimg::lay_out(decoded("rgb_37x23.bmp"), PixelFormat(pf), 3);
+      r.put("to_rgb.view" + num(pf) + ".rot" + num(int(rot)),
+            [&] { return vemoproc::to_rgb(l.view, rot).rgb; });
     }
   // A YUV 4:2:0 frame, odd-sized and with rows long enough for the wide path.
-  const int w = 37, h = 23, cw = 19, ch = 12;
+  const int w = 37, h = 23, cw = 19;
   Lcg rng{77};
-  std::vector<uint8_t> Y(size_t(w) * h), U(size_t(cw) * ch), V(size_t(cw) * ch),
-      UV(size_t(2 * cw) * ch);
+  std::vector<uint8_t> Y(size_t(w) * h), U(size_t(cw) * 12), V(U.size()), UV(2 * U.size());
   for (auto& v : Y) v = uint8_t(rng.next() >> 24);
   for (size_t i = 0; i < U.size(); ++i) {
     U[i] = UV[2 * i] = uint8_t(rng.next() >> 24);
     V[i] = UV[2 * i + 1] = uint8_t(rng.next() >> 24);
   }
-  using vemoproc::YuvLayout;
-  using vemoproc::YuvRange;
-  for (YuvLayout lay : {YuvLayout::NV12, YuvLayout::NV21, YuvLayout::I420})
-    for (YuvRange range : {YuvRange::Video, YuvRange::Full})
+  for (int lay = 0; lay < 3; ++lay)  // NV12, NV21, I420
+    for (int range = 0; range < 2; ++range)
       for (Rotation rot : {Rotation::None, Rotation::Clockwise90}) {
-        const bool planar = lay == YuvLayout::I420;
-        const vemoproc::YuvView frame{Y.data(),
-                                      size_t(w),
-                                      planar ? U.data() : UV.data(),
-                                      planar ? size_t(cw) : size_t(2 * cw),
-                                      planar ? V.data() : nullptr,
-                                      size_t(cw),
-                                      w,
-                                      h,
-                                      lay,
-                                      range};
-        r.add("to_rgb.yuv" + std::to_string(int(lay)) + "." + std::to_string(int(range)) + ".rot" +
-                  std::to_string(int(rot)),
-              [&](Fnv& f) {
-                const vemoproc::Image out = vemoproc::to_rgb(frame, rot);
-                f.bytes(out.rgb.data(), out.rgb.size());
-              });
+        vemoproc::YuvView frame{
+            Y.data(),   size_t(w), UV.data(), size_t(2 * cw),           nullptr,
+            size_t(cw), w,         h,         vemoproc::YuvLayout(lay), vemoproc::YuvRange(range)};
+        if (lay == 2) frame.u = U.data(), frame.u_stride = cw, frame.v = V.data();
+        r.put("to_rgb.yuv" + num(lay) + "." + num(range) + ".rot" + num(int(rot)),
+              [&] { return vemoproc::to_rgb(frame, rot).rgb; });
       }
 }
 
@@ -220,50 +229,37 @@ xt::xtensor<float, 2> detection_head(size_t rows, size_t classes, float side, ui
   return head;
 }
 
-void add_detections(Fnv& f, const std::vector<yolo::Detection>& dets) {
-  f.u64(dets.size());
-  for (const yolo::Detection& d : dets) {
-    const float v[5] = {d.x1, d.y1, d.x2, d.y2, d.score};
-    f.bytes(v, sizeof v);
-    f.u64(uint64_t(int64_t(d.class_id)));
-  }
-}
-
 void yolo_family(Recorder& r) {
-  for (const auto& [name, path] : image_paths()) {
-    r.add("preprocess64." + name, [&](Fnv& f) {
-      add_tensor(f, yolo::preprocess({path}, {64, 64}));
-    });
+  using yolo::PostprocessOptions;
+  const auto& paths = image_paths();
+  for (const auto& [name, path] : paths) {
+    r.put("preprocess64." + name, [&] { return yolo::preprocess({path}, {64, 64}); });
     r.add("letterbox80x48." + name, [&](Fnv& f) {
       const yolo::RawImage lb = yolo::letterbox(yolo::RawImage(path), {80, 48});
       f.u64(uint64_t(lb.width) << 32 | uint64_t(lb.height));
-      f.bytes(lb.data.data(), lb.data.size());
+      f.all(lb.data);
     });
   }
-  r.add("letterbox_view", [&](Fnv& f) {
-    const vemoproc::Image decoded = testimg::decode(image_paths().at("rgba_31x29.png"));
-    const testimg::Layout grey = testimg::lay_out(decoded, vemoproc::PixelFormat::GRAY, 2);
-    const yolo::RawImage lb = yolo::letterbox(yolo::RawImage(grey.view), {40, 64}, 0);
-    f.bytes(lb.data.data(), lb.data.size());
+  const testimg::Layout grey =
+      testimg::lay_out(decoded("rgba_31x29.png"), vemoproc::PixelFormat::GRAY, 2);
+  r.put("letterbox_view", [&] {
+    return yolo::letterbox(yolo::RawImage(grey.view), {40, 64}, 0).data;
   });
-  r.add("preprocess_batch", [&](Fnv& f) {
-    const auto& p = image_paths();
-    add_tensor(
-        f, yolo::preprocess({p.at("rgb_64x48.jpg"), p.at("rgb_29x41.tga"), p.at("odd_17x3.jpg")},
-                            {96, 40}));
+  r.put("preprocess_batch", [&] {
+    return yolo::preprocess(
+        {paths.at("rgb_64x48.jpg"), paths.at("rgb_29x41.tga"), paths.at("odd_17x3.jpg")}, {96, 40});
   });
   r.add("letterbox_info", [&](Fnv& f) {
     for (auto [w, h] : {std::array<int, 2>{1, 1}, {64, 48}, {400, 3}, {2, 300}, {1920, 1080}}) {
       const yolo::LetterboxInfo li = yolo::letterbox_info(w, h, {640, 384});
-      const float scale = li.scale;
-      f.bytes(&scale, sizeof scale);
+      f.bytes(&li.scale, sizeof li.scale);
       for (int v :
            {li.original_width, li.original_height, li.new_width, li.new_height, li.left, li.top})
         f.u64(uint64_t(int64_t(v)));
     }
   });
   // Pixels in memory: a strided RGB view (read in place) and a BGRA one.
-  const vemoproc::Image mem = testimg::decode(image_paths().at("rgb_64x48.jpg"));
+  const vemoproc::Image mem = decoded("rgb_64x48.jpg");
   const testimg::Layout strided = testimg::lay_out(mem, vemoproc::PixelFormat::RGB, 7);
   const testimg::Layout bgra = testimg::lay_out(mem, vemoproc::PixelFormat::BGRA, 0);
   r.add("preprocess_images", [&](Fnv& f) {
@@ -272,71 +268,64 @@ void yolo_family(Recorder& r) {
     for (const yolo::LetterboxInfo& li : b.letterbox)
       f.bytes(&li.scale, sizeof li.scale), f.u64(uint64_t(li.left) << 32 | uint64_t(li.top));
   });
-  // The geometry overloads, each option on its own, a batch and an end-to-end head.
+  // The geometry overloads, each option on its own, a batch and an end-to-end
+  // head.
   const yolo::LetterboxInfo geom = yolo::letterbox_info(720, 480, {640, 640});
   const xt::xtensor<float, 2> head = detection_head(400, 6, 640, 9);
-  const auto options = [](auto set) {
-    yolo::PostprocessOptions o;
-    set(o);
-    return o;
-  };
-  const std::vector<std::pair<std::string, yolo::PostprocessOptions>> variants = {
-      {"default", options([](yolo::PostprocessOptions&) {})},
-      {"agnostic", options([](yolo::PostprocessOptions& o) { o.agnostic = true; })},
-      {"objectness", options([](yolo::PostprocessOptions& o) { o.objectness = true; })},
-      {"classes", options([](yolo::PostprocessOptions& o) {
+  const std::pair<const char*, void (*)(PostprocessOptions&)> variants[] = {
+      {"default", [](PostprocessOptions&) {}},
+      {"agnostic", [](PostprocessOptions& o) { o.agnostic = true; }},
+      {"objectness", [](PostprocessOptions& o) { o.objectness = true; }},
+      {"classes",
+       [](PostprocessOptions& o) {
          o.classes = {1, 4};
-       })},
-      {"candidates", options([](yolo::PostprocessOptions& o) { o.max_candidates = 17; })},
-      {"max_det", options([](yolo::PostprocessOptions& o) {
-         o.max_det = 3;
-         o.iou_threshold = 0.1f;
-       })}};
-  for (const auto& [tag, opt] : variants)
-    r.add("postprocess_geometry." + tag,
-          [&](Fnv& f) { add_detections(f, yolo::postprocess(head, geom, opt)); });
-  r.add("postprocess_geometry.channels_first", [&](Fnv& f) {
-    const xt::xtensor<float, 2> transposed = xt::transpose(head);
-    add_detections(f, yolo::postprocess(transposed, geom, options([](yolo::PostprocessOptions& o) {
-                                          o.channels_first = true;
-                                        })));
-  });
+       }},
+      {"candidates", [](PostprocessOptions& o) { o.max_candidates = 17; }},
+      {"max_det", [](PostprocessOptions& o) { o.max_det = 3, o.iou_threshold = 0.1f; }},
+      {"channels_first", [](PostprocessOptions& o) { o.channels_first = true; }}};
+  for (const auto& [tag, set] : variants)
+    r.put(std::string("postprocess_geometry.") + tag, [&] {
+      PostprocessOptions o;
+      set(o);
+      const xt::xtensor<float, 2> in = o.channels_first ? xt::transpose(head) : head;
+      return yolo::postprocess(in, geom, o);
+    });
   r.add("postprocess_batch", [&](Fnv& f) {
     xt::xtensor<float, 3> heads = xt::zeros<float>({size_t(2), size_t(120), size_t(7)});
     xt::view(heads, 0) = detection_head(120, 3, 640, 10);
     xt::view(heads, 1) = detection_head(120, 3, 640, 11);
     for (const auto& dets : yolo::postprocess_batch(
-             heads, {geom, yolo::letterbox_info(33, 900, {640, 640})}, yolo::PostprocessOptions{}))
-      add_detections(f, dets);
+             heads, {geom, yolo::letterbox_info(33, 900, {640, 640})}, PostprocessOptions{}))
+      digest(f, dets);
   });
-  r.add("postprocess_end2end", [&](Fnv& f) {
+  r.put("postprocess_end2end", [&] {
     xt::xtensor<float, 2> rows = detection_head(60, 2, 640, 12);
     for (size_t i = 0; i < rows.shape(0); ++i) {
       rows(i, 2) += rows(i, 0);  // x2, y2 beyond x1, y1
       rows(i, 3) += rows(i, 1);
       rows(i, 5) = float(i % 7) + 0.75f;
     }
-    add_detections(f, yolo::postprocess_end2end(rows, geom, 0.3f));
+    return yolo::postprocess_end2end(rows, geom, 0.3f);
   });
-  r.add("postprocess.wide", [&](Fnv& f) {
-    add_detections(f, yolo::postprocess(detection_head(400, 6, 640, 5), {640, 640}, {480, 720},
-                                        0.25f, 0.45f, 100));
+  // The positional overload: many boxes, a tall original, and none above the
+  // threshold.
+  r.put("postprocess.wide", [&] {
+    return yolo::postprocess(detection_head(400, 6, 640, 5), {640, 640}, {480, 720}, 0.25f, 0.45f,
+                             100);
   });
-  r.add("postprocess.tight", [&](Fnv& f) {
-    add_detections(f, yolo::postprocess(detection_head(200, 3, 320, 6), {320, 320}, {17, 1000},
-                                        0.6f, 0.7f, 5));
+  r.put("postprocess.tight", [&] {
+    return yolo::postprocess(detection_head(200, 3, 320, 6), {320, 320}, {17, 1000}, 0.6f, 0.7f, 5);
   });
-  r.add("postprocess.none_above", [&](Fnv& f) {
-    add_detections(
-        f, yolo::postprocess(detection_head(50, 2, 64, 7), {64, 64}, {64, 64}, 1.0f, 0.5f, 10));
+  r.put("postprocess.none_above", [&] {
+    return yolo::postprocess(detection_head(50, 2, 64, 7), {64, 64}, {64, 64}, 1.0f, 0.5f, 10);
   });
-  r.add("draw", [&](Fnv& f) {
-    yolo::RawImage img(image_paths().at("rgb_64x48.png"));
+  r.put("draw", [&] {
+    yolo::RawImage img(paths.at("rgb_64x48.png"));
     const auto dets =
         yolo::postprocess(detection_head(30, 4, 64, 8), {64, 64}, {48, 64}, 0.5f, 0.45f, 6);
     yolo::draw_detections(img, dets, {"person", "car"}, true, 2);
     yolo::draw_detections(img, {{-5, 3, 1e9f, NAN, 0.25f, -3}}, {}, false, 1);
-    f.bytes(img.data.data(), img.data.size());
+    return img.data;
   });
 }
 
@@ -344,57 +333,43 @@ void vision_family(Recorder& r) {
   qwen2vl::Qwen2VLImageProcessor qwen(true, 56 * 56, 28 * 28 * 16, true, 1.0f / 255, true,
                                       qwen2vl::kDefaultImageMean, qwen2vl::kDefaultImageStd, 14, 2,
                                       2);
+  convnext::ConvNextPreprocessor convnext64(64, 0.875f);
+  zentil::ZentilPreprocessor zentil32(32);
   for (const auto& [name, path] : image_paths()) {
-    r.add("convnext64." + name,
-          [&](Fnv& f) { add_tensor(f, convnext::ConvNextPreprocessor(64, 0.875f).process(path)); });
-    r.add("zentil32." + name,
-          [&](Fnv& f) { add_tensor(f, zentil::ZentilPreprocessor(32).process(path)); });
-    r.add("qwen2vl." + name, [&](Fnv& f) {
-      const auto out = qwen.preprocess(path);
-      add_tensor(f, out.patches);
-      add_tensor(f, out.grid_thw);
-    });
+    r.put("convnext64." + name, [&] { return convnext64.process(path); });
+    r.put("zentil32." + name, [&] { return zentil32.process(path); });
+    r.put("qwen2vl." + name, [&] { return qwen.preprocess(path); });
   }
-  const std::string big = image_paths().at("rgb_64x48.jpg");
-  r.add("convnext384",
-        [&](Fnv& f) { add_tensor(f, convnext::ConvNextPreprocessor(384, 0.875f).process(big)); });
-  r.add("qwen2vl.batch", [&](Fnv& f) {
-    const auto a = qwen2vl::Qwen2VLImageProcessor::load_image(big);
-    const auto b = qwen2vl::Qwen2VLImageProcessor::load_image(image_paths().at("wide_400x3.png"));
-    const auto out = qwen.preprocess(std::vector<xt::xtensor<uint8_t, 3>>{a, b});
-    add_tensor(f, out.patches);
-    add_tensor(f, out.grid_thw);
+  const auto load = [](const char* name) {
+    return qwen2vl::Qwen2VLImageProcessor::load_image(image_paths().at(name));
+  };
+  r.put("convnext384", [&] {
+    return convnext::ConvNextPreprocessor(384, 0.875f).process(image_paths().at("rgb_64x48.jpg"));
+  });
+  r.put("qwen2vl.batch", [&] {
+    return qwen.preprocess(
+        std::vector<xt::xtensor<uint8_t, 3>>{load("rgb_64x48.jpg"), load("wide_400x3.png")});
   });
   r.add("qwen2vl.resize_image", [&](Fnv& f) {
-    const auto a = qwen2vl::Qwen2VLImageProcessor::load_image(image_paths().at("rgba_31x29.png"));
-    add_tensor(f, qwen2vl::resize_image(a, 56, 28));
-    add_tensor(f, qwen2vl::resize_image(a, 3, 97));
+    const auto a = load("rgba_31x29.png");
+    add_tensor(f, qwen2vl::resize_image(a, 56, 28), qwen2vl::resize_image(a, 3, 97));
   });
   r.add("qwen2vl.smart_resize", [&](Fnv& f) {
     for (int hgt : {1, 27, 28, 29, 111, 480, 1080, 5000})
-      for (int wid : {1, 14, 56, 333, 640, 1920, 40000}) {
-        try {
+      for (int wid : {1, 14, 56, 333, 640, 1920, 40000}) try {
           const auto [nh, nw] = qwen2vl::smart_resize(hgt, wid, 28, 56 * 56, 28 * 28 * 1280);
           f.u64(uint64_t(nh) << 32 | uint64_t(nw));
         } catch (const std::exception& e) {
           f.text(e.what());
         }
-      }
   });
   // Views in another pixel layout, and a three-frame video (padded to the
   // temporal patch with its last frame).
-  const vemoproc::Image decoded = testimg::decode(image_paths().at("rgb_29x41.tga"));
-  const testimg::Layout bgra = testimg::lay_out(decoded, vemoproc::PixelFormat::BGRA, 5);
-  r.add("convnext64.view", [&](Fnv& f) {
-    add_tensor(f, convnext::ConvNextPreprocessor(64, 0.875f).process(bgra.view));
-  });
-  r.add("zentil32.view",
-        [&](Fnv& f) { add_tensor(f, zentil::ZentilPreprocessor(32).process(bgra.view)); });
-  r.add("qwen2vl.video", [&](Fnv& f) {
-    const auto out = qwen.preprocess_video({bgra.view, decoded.view(), bgra.view});
-    add_tensor(f, out.patches);
-    add_tensor(f, out.grid_thw);
-  });
+  const vemoproc::Image tga = decoded("rgb_29x41.tga");
+  const testimg::Layout bgra = testimg::lay_out(tga, vemoproc::PixelFormat::BGRA, 5);
+  r.put("convnext64.view", [&] { return convnext64.process(bgra.view); });
+  r.put("zentil32.view", [&] { return zentil32.process(bgra.view); });
+  r.put("qwen2vl.video", [&] { return qwen.preprocess_video({bgra.view, tga.view(), bgra.view}); });
   r.add("qwen2vl.sample_frame_indices", [&](Fnv& f) {
     for (int total : {1, 7, 16, 300})
       for (float fps : {2.0f, 29.97f}) {
@@ -408,8 +383,8 @@ void vision_family(Recorder& r) {
 void dia_family(Recorder& r) {
   dia::DiaPreprocessor dp;
   r.add("text", [&](Fnv& f) {
-    add_tensor(f, dp.prepareTextInput("[S1] Hello there. [S2] w\xc3\xb6rld [S1]", 0, 48));
-    add_tensor(f, dp.prepareTextInput("[S2]cut short", 7, 5));
+    add_tensor(f, dp.prepareTextInput("[S1] Hello there. [S2] w\xc3\xb6rld [S1]", 0, 48),
+               dp.prepareTextInput("[S2]cut short", 7, 5));
   });
   // Blocks with a short and a long frame axis; nine channels reach the
   // eight-a-step path.
@@ -419,58 +394,51 @@ void dia_family(Recorder& r) {
   };
   for (const Shape& s :
        {Shape{2, 9, 4, {0, 1, 3, 7}}, Shape{1, 40, 9, {0, 8, 9, 10, 11, 12, 13, 14, 15}}}) {
-    const std::string tag =
-        std::to_string(s.B) + "x" + std::to_string(s.T) + "x" + std::to_string(s.C);
+    const std::string tag = num(s.B) + "x" + num(s.T) + "x" + num(s.C);
     xt::xarray<float> audio = xt::zeros<float>({size_t(s.B), size_t(s.T), size_t(s.C)});
     for (size_t i = 0; i < audio.size(); ++i) audio.flat(i) = float(i) * 1.5f - 3.0f;
     r.add("delay." + tag, [&](Fnv& f) {
       const auto idx = dp.buildDelayIndices(s.B, s.T, s.C, s.delays);
-      add_tensor(f, std::get<0>(idx));
-      add_tensor(f, std::get<1>(idx));
-      add_tensor(f, dp.applyAudioDelay(audio, -1.0f, -2.0f, idx));
+      add_tensor(f, std::get<0>(idx), std::get<1>(idx), dp.applyAudioDelay(audio, -1, -2, idx));
     });
     r.add("revert." + tag, [&](Fnv& f) {
       const auto idx = dp.buildRevertIndices(s.B, s.T, s.C, s.delays);
-      add_tensor(f, std::get<0>(idx));
-      add_tensor(f, std::get<1>(idx));
-      add_tensor(f, dp.revertAudioDelay(audio, -1.0f, idx, s.T));
+      add_tensor(f, std::get<0>(idx), std::get<1>(idx), dp.revertAudioDelay(audio, -1, idx, s.T));
     });
   }
   r.add("prompt", [&](Fnv& f) {
     xt::xarray<int> prompt = xt::zeros<int>({5, 4});
     for (size_t i = 0; i < prompt.size(); ++i) prompt.flat(i) = int(i * 37 % 1024);
-    const auto [with, n] = dp.prepareAudioPrompt(&prompt, 1026, 1025, 4, {0, 1, 2, 5});
-    add_tensor(f, with);
-    f.u64(uint64_t(n));
-    const auto [without, m] = dp.prepareAudioPrompt(nullptr, 1026, 1025, 4, {0, 1, 2, 5});
-    add_tensor(f, without);
-    f.u64(uint64_t(m));
+    for (const xt::xarray<int>* p : {&prompt, static_cast<xt::xarray<int>*>(nullptr)}) {
+      const auto [codes, n] = dp.prepareAudioPrompt(p, 1026, 1025, 4, {0, 1, 2, 5});
+      add_tensor(f, codes), f.u64(uint64_t(n));
+    }
   });
   r.add("masks", [&](Fnv& f) {
-    xt::xarray<bool> q = xt::zeros<bool>({2, 5});
-    xt::xarray<bool> k = xt::zeros<bool>({2, 7});
+    xt::xarray<bool> q = xt::zeros<bool>({2, 5}), k = xt::zeros<bool>({2, 7});
     for (size_t i = 0; i < q.size(); ++i) q.flat(i) = i % 3 != 1;
     for (size_t i = 0; i < k.size(); ++i) k.flat(i) = i % 4 != 2;
-    add_tensor(f, dp.createAttnMask(q, q, true));
-    add_tensor(f, dp.createAttnMask(q, k, false));
+    add_tensor(f, dp.createAttnMask(q, q, true), dp.createAttnMask(q, k, false));
   });
   // Logits with ties; greedy decoding, and top-k / top-p so narrow that only
-  // the most probable code can be drawn, are exact.
+  // the most probable code can be drawn, are exact; the seeded form is
+  // reproducible whatever the filters.
   Lcg rng{99};
   xt::xarray<float> logits = xt::zeros<float>({9, 1031});
   for (size_t i = 0; i < logits.size(); ++i)
     logits.flat(i) = float(int(rng.next() >> 20) % 400) / 16.0f - 12.0f;
   r.add("sample.greedy", [&](Fnv& f) {
-    add_tensor(f, dp.sampleNextToken(logits, 0.0f, 0.9f, 50));
-    add_tensor(f, dp.sampleNextToken(logits, -0.0f, 1.0f, 0));
+    add_tensor(f, dp.sampleNextToken(logits, 0.0f, 0.9f, 50),
+               dp.sampleNextToken(logits, -0.0f, 1.0f, 0));
   });
-  // The seeded form is reproducible whatever the filters.
   r.add("sample.seeded", [&](Fnv& f) {
-    add_tensor(f, dp.sampleNextToken(logits, 1.0f, 1.0f, 0, 42));
-    add_tensor(f, dp.sampleNextToken(logits, 0.7f, 0.9f, 40, 0xFFFFFFFFFFFFFFFFull));
-    add_tensor(f, dp.sampleNextToken(logits, dia::SamplingParams{1.2f, 0.95f, 100, 0.05f}, 7));
-    add_tensor(f, dp.sampleNextToken(logits, dia::SamplingParams{0.0f, 1.0f, 0, 0.0f}, 7));
+    add_tensor(f, dp.sampleNextToken(logits, 1.0f, 1.0f, 0, 42),
+               dp.sampleNextToken(logits, 0.7f, 0.9f, 40, 0xFFFFFFFFFFFFFFFFull),
+               dp.sampleNextToken(logits, dia::SamplingParams{1.2f, 0.95f, 100, 0.05f}, 7),
+               dp.sampleNextToken(logits, dia::SamplingParams{0.0f, 1.0f, 0, 0.0f}, 7));
   });
+  r.put("sample.top_k_1", [&] { return dp.sampleNextToken(logits, 0.8f, 1.0f, 1); });
+  r.put("sample.top_p_narrow", [&] { return dp.sampleNextToken(logits, 1.3f, 1e-6f, 0); });
   r.add("cfg_and_mask", [&](Fnv& f) {
     xt::xarray<float> uncond = logits * 0.5f - 1.0f;
     xt::xarray<float> guided = dp.applyCfg(logits, uncond, 3.0f);
@@ -478,20 +446,12 @@ void dia_family(Recorder& r) {
     dp.maskAudioLogits(guided, 1024);
     add_tensor(f, guided);
   });
-  r.add("sample.top_k_1",
-        [&](Fnv& f) { add_tensor(f, dp.sampleNextToken(logits, 0.8f, 1.0f, 1)); });
-  r.add("sample.top_p_narrow",
-        [&](Fnv& f) { add_tensor(f, dp.sampleNextToken(logits, 1.3f, 1e-6f, 0)); });
 }
 
 // A tokenizer whose ids are byte values, so multi-byte characters arrive split
 // across calls.
 struct ByteTokenizer : Tokenizer {
-  std::string decode(const std::vector<int>& ids) override {
-    std::string s;
-    for (int id : ids) s.push_back(char(id));
-    return s;
-  }
+  std::string decode(const std::vector<int>& ids) override { return {ids.begin(), ids.end()}; }
 };
 
 std::vector<int> ids(const std::string& s) { return {s.begin(), s.end()}; }
@@ -508,10 +468,7 @@ void streamer_family(Recorder& r) {
               std::ostringstream out;
               TextStreamer s(tok, out, skip, strip);
               s.put(ids("prompt text"));
-              for (const std::string& p : pieces) {
-                s.put(ids(p));
-                f.text(out.str());
-              }
+              for (const std::string& p : pieces) s.put(ids(p)), f.text(out.str());
               s.end();
               f.text(out.str());
             });
@@ -578,33 +535,32 @@ void reference_family(Recorder& r) {
 // The committed table, and the updates collected when regenerating.
 const char* const kDigestFile = VEMOPROC_DIGESTS_FILE;
 
-Results read_table() {
+// The committed entries whose names start with `prefix`.
+Results read_table(const std::string& prefix = "") {
   Results t;
   std::ifstream in(kDigestFile);
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.empty() || line[0] == '#') continue;
-    std::istringstream fields(line);
-    std::string name, hex;
-    if (fields >> name >> hex) t[name] = std::stoull(hex, nullptr, 16);
-  }
+  std::string line, name, hex;
+  while (std::getline(in, line))
+    if (line[0] != '#' && std::istringstream(line) >> name >> hex && name.rfind(prefix, 0) == 0)
+      t[name] = std::stoull(hex, nullptr, 16);
   return t;
 }
 
+// Replaces the family's entries and keeps the others.
 void write_table(const std::string& family, const Results& fresh) {
   Results t = read_table();
   for (auto it = t.begin(); it != t.end();)
     it = it->first.rfind(family + ".", 0) == 0 ? t.erase(it) : std::next(it);
   t.insert(fresh.begin(), fresh.end());
   std::ofstream out(kDigestFile);
-  out << "# FNV-1a 64 digests of every deterministic result in tests/digest_test.cpp,\n"
+  out << "# FNV-1a 64 digests of every deterministic result in "
+         "tests/digest_test.cpp,\n"
          "# the same on every architecture. Regenerate with\n"
          "#   VEMOPROC_UPDATE_DIGESTS=1 build/release/tests/digest_test\n";
-  for (const auto& [name, value] : t) {
-    char hex[17];
-    std::snprintf(hex, sizeof hex, "%016llx", static_cast<unsigned long long>(value));
-    out << name << ' ' << hex << '\n';
-  }
+  char hex[17];
+  for (const auto& [name, value] : t)
+    std::snprintf(hex, sizeof hex, "%016llx", static_cast<unsigned long long>(value)),
+        out << name << ' ' << hex << '\n';
   ASSERT_TRUE(out.good()) << "cannot write " << kDigestFile;
 }
 
@@ -622,23 +578,18 @@ void check_family(const std::string& family, void (*run)(Recorder&)) {
   vemoproc::set_num_threads(1);
   EXPECT_EQ(wide.out, portable.out) << "wide and portable paths differ";
   EXPECT_EQ(wide.out, threaded.out) << "one thread and four differ";
-  if (updating()) {
-    write_table(family, wide.out);
-    return;
-  }
-  Results want;
-  for (const auto& [name, value] : read_table())
-    if (name.rfind(family + ".", 0) == 0) want[name] = value;
+  if (updating()) return write_table(family, wide.out);
+  const Results want = read_table(family + ".");
   ASSERT_FALSE(want.empty()) << "no " << family << " digests in " << kDigestFile;
-  for (const auto& [name, value] : wide.out) {
-    const auto it = want.find(name);
-    if (it == want.end())
-      ADD_FAILURE() << name << " has no committed digest";
+  Results names = want;
+  names.insert(wide.out.begin(), wide.out.end());
+  for (const auto& [name, unused] : names)
+    if (!want.count(name) || !wide.out.count(name))
+      ADD_FAILURE() << name
+                    << (want.count(name) ? " is committed but no longer computed"
+                                         : " has no committed digest");
     else
-      EXPECT_EQ(it->second, value) << name << " changed";
-  }
-  for (const auto& [name, value] : want)
-    EXPECT_TRUE(wide.out.count(name)) << name << " is committed but no longer computed";
+      EXPECT_EQ(want.at(name), wide.out.at(name)) << name << " changed";
 }
 
 }  // namespace

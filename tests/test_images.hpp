@@ -22,21 +22,15 @@ enum class Format { Png, Jpeg, Bmp, Tga };
 
 // Interleaved pixels with `channels` samples each (1 grey, 2 grey+alpha, 3 RGB, 4 RGBA).
 struct Pixels {
-  int width = 0;
-  int height = 0;
-  int channels = 3;
+  int width = 0, height = 0, channels = 3;
   std::vector<uint8_t> data;
-
-  uint8_t* at(int x, int y) {
-    return data.data() + (static_cast<size_t>(y) * width + x) * channels;
-  }
+  uint8_t* at(int x, int y) { return data.data() + (size_t(y) * width + x) * channels; }
 };
 
 // Every sample of pixel (x, y), channel c is f(x, y, c).
 inline Pixels make(int width, int height, int channels,
                    const std::function<uint8_t(int, int, int)>& f) {
-  Pixels p{width, height, channels,
-           std::vector<uint8_t>(static_cast<size_t>(width) * height * channels)};
+  Pixels p{width, height, channels, std::vector<uint8_t>(size_t(width) * height * channels)};
   for (int y = 0; y < height; ++y)
     for (int x = 0; x < width; ++x)
       for (int c = 0; c < channels; ++c) p.at(x, y)[c] = f(x, y, c);
@@ -50,16 +44,11 @@ inline Pixels solid(int width, int height, uint8_t r, uint8_t g, uint8_t b) {
 // A scratch folder removed when the test binary exits.
 inline const std::filesystem::path& scratch_dir() {
   static const struct Dir {
-    std::filesystem::path path;
-    Dir() {
-      path =
-          std::filesystem::temp_directory_path() / ("vemoproc-test-" + std::to_string(::getpid()));
-      std::filesystem::create_directories(path);
-    }
-    ~Dir() {
-      std::error_code ec;
-      std::filesystem::remove_all(path, ec);
-    }
+    std::filesystem::path path =
+        std::filesystem::temp_directory_path() / ("vemoproc-test-" + std::to_string(::getpid()));
+    Dir() { std::filesystem::create_directories(path); }
+    std::error_code ec;
+    ~Dir() { std::filesystem::remove_all(path, ec); }
   } dir;
   return dir.path;
 }
@@ -80,22 +69,12 @@ inline void write_bytes(const std::string& path, const std::vector<uint8_t>& byt
 // Writes `p` as a file named `name` in the scratch folder; returns its path.
 inline std::string write(const Pixels& p, Format format, const std::string& name) {
   const std::string path = (scratch_dir() / name).string();
-  int ok = 0;
-  switch (format) {
-    case Format::Png:
-      ok = stbi_write_png(path.c_str(), p.width, p.height, p.channels, p.data.data(),
-                          p.width * p.channels);
-      break;
-    case Format::Jpeg:
-      ok = stbi_write_jpg(path.c_str(), p.width, p.height, p.channels, p.data.data(), 100);
-      break;
-    case Format::Bmp:
-      ok = stbi_write_bmp(path.c_str(), p.width, p.height, p.channels, p.data.data());
-      break;
-    case Format::Tga:
-      ok = stbi_write_tga(path.c_str(), p.width, p.height, p.channels, p.data.data());
-      break;
-  }
+  const char* f = path.c_str();
+  const int w = p.width, h = p.height, n = p.channels;
+  const int ok = format == Format::Png    ? stbi_write_png(f, w, h, n, p.data.data(), w * n)
+                 : format == Format::Jpeg ? stbi_write_jpg(f, w, h, n, p.data.data(), 100)
+                 : format == Format::Bmp  ? stbi_write_bmp(f, w, h, n, p.data.data())
+                                          : stbi_write_tga(f, w, h, n, p.data.data());
   if (!ok) throw std::runtime_error("test image not written: " + path);
   return path;
 }
@@ -105,17 +84,16 @@ inline std::string write(const Pixels& p, Format format, const std::string& name
 // off the end makes a truncated file.
 inline std::string write_pic(int width, int height, const std::vector<uint8_t>& rgb,
                              const std::string& name, size_t drop = 0) {
-  std::vector<uint8_t> b = {0x53, 0x80, 0xF6, 0x34};
+  std::vector<uint8_t> b = {0x53, 0x80, 0xF6, 0x34};  // magic, then an empty 84-byte header
   b.resize(88, 0);
   b.insert(b.end(), {'P', 'I', 'C', 'T', uint8_t(width >> 8), uint8_t(width), uint8_t(height >> 8),
                      uint8_t(height)});
-  b.resize(b.size() + 8, 0);           // ratio, fields, pad
-  b.insert(b.end(), {0, 8, 0, 0xE0});  // last packet, 8 bits, raw, R|G|B
+  // Ratio, fields and pad (8 zero bytes); then the last packet: 8 bits, raw, R|G|B.
+  b.insert(b.end(), {0, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0xE0});
   b.insert(b.end(), rgb.begin(), rgb.end());
   b.resize(b.size() - drop);
-  const std::string path = (scratch_dir() / name).string();
-  write_bytes(path, b);
-  return path;
+  write_bytes((scratch_dir() / name).string(), b);
+  return (scratch_dir() / name).string();
 }
 
 // Rewrites the PNG at `path` with an empty IDAT chunk in front of its first
@@ -132,8 +110,8 @@ inline void insert_empty_idat(const std::string& path) {
 
 // The decoded pixels of a file, as every family's path loader sees them.
 inline vemoproc::Image decode(const std::string& path) {
-  const std::vector<uint8_t> bytes = read_bytes(path);
-  return vemoproc::decode_image(bytes.data(), bytes.size());
+  const std::vector<uint8_t> b = read_bytes(path);
+  return vemoproc::decode_image(b.data(), b.size());
 }
 
 // An image's pixels laid out as `format` in rows padded by `pad` bytes of
@@ -143,22 +121,16 @@ struct Layout {
   vemoproc::ImageView view;
 };
 inline Layout lay_out(const vemoproc::Image& image, vemoproc::PixelFormat format, size_t pad) {
+  using vemoproc::PixelFormat;
   const int ch = vemoproc::channels_of(format);
+  const bool bgr = format == PixelFormat::BGR || format == PixelFormat::BGRA;
   const size_t row = static_cast<size_t>(image.width) * ch + pad;
-  Layout out;
-  out.bytes.assign(row * image.height, 0xEE);
+  Layout out{std::vector<uint8_t>(row * image.height, 0xEE), {}};
   for (size_t i = 0; i < static_cast<size_t>(image.width) * image.height; ++i) {
     const uint8_t* rgb = &image.rgb[3 * i];
     uint8_t* p = out.bytes.data() + (i / image.width) * row + (i % image.width) * ch;
-    const bool bgr = format == vemoproc::PixelFormat::BGR || format == vemoproc::PixelFormat::BGRA;
-    if (ch == 1) {
-      p[0] = rgb[0];
-      continue;
-    }
-    p[0] = bgr ? rgb[2] : rgb[0];
-    p[1] = rgb[1];
-    p[2] = bgr ? rgb[0] : rgb[2];
-    if (ch == 4) p[3] = 99;
+    const uint8_t px[4] = {bgr ? rgb[2] : rgb[0], rgb[1], bgr ? rgb[0] : rgb[2], 99};
+    std::copy(px, px + ch, p);  // grey takes the red sample
   }
   out.view = {out.bytes.data(), image.width, image.height, pad == 0 ? 0 : row, format};
   return out;
@@ -166,8 +138,7 @@ inline Layout lay_out(const vemoproc::Image& image, vemoproc::PixelFormat format
 
 // A file whose bytes are not an image in any format.
 inline std::string write_garbage(const std::string& name) {
-  const std::string path = (scratch_dir() / name).string();
-  const std::string text = "this is not an image file";
+  const std::string path = (scratch_dir() / name).string(), text = "this is not an image file";
   write_bytes(path, {text.begin(), text.end()});
   return path;
 }

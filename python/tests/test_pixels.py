@@ -5,105 +5,53 @@ import vemoproc
 from conftest import png_bytes, scene
 
 
-def test_decode_image_returns_the_encoded_pixels_for_every_channel_layout():
+def test_decode_image_takes_any_byte_buffer_and_owns_its_result():
     rgb = scene(17, 23)
-    assert np.array_equal(vemoproc.decode_image(png_bytes(rgb)), rgb)
-    grey = rgb[:, :, 0].copy()
-    assert np.array_equal(vemoproc.decode_image(png_bytes(grey)), np.repeat(grey[:, :, None], 3, 2))
-    rgba = np.dstack([rgb, np.full(grey.shape, 7, np.uint8)])
-    assert np.array_equal(vemoproc.decode_image(bytearray(png_bytes(rgba))), rgb)
-    out = vemoproc.decode_image(memoryview(png_bytes(rgb)))
-    assert out.dtype == np.uint8 and out.flags.c_contiguous and out.base is not None
-
-
-def test_decode_image_errors():
-    with pytest.raises(RuntimeError, match="Failed to decode image bytes"):
-        vemoproc.decode_image(b"not an image")
+    for data in (png_bytes(rgb), bytearray(png_bytes(rgb)), memoryview(png_bytes(rgb))):
+        out = vemoproc.decode_image(data)
+        assert np.array_equal(out, rgb)
+        assert out.dtype == np.uint8 and out.flags.c_contiguous and out.base is not None
+    before = vemoproc.max_image_pixels()
+    try:
+        vemoproc.set_max_image_pixels(17 * 23 - 1)
+        assert vemoproc.max_image_pixels() == 17 * 23 - 1
+        for data in (png_bytes(rgb), b"not an image"):
+            with pytest.raises(RuntimeError, match="Failed to decode image bytes"):
+                vemoproc.decode_image(data)
+    finally:
+        vemoproc.set_max_image_pixels(before)
     with pytest.raises(TypeError, match="data"):
         vemoproc.decode_image("image.png")
 
 
-def test_pixel_budget_refuses_larger_images_and_is_restored():
-    before = vemoproc.max_image_pixels()
-    data = png_bytes(scene(20, 20))
-    try:
-        vemoproc.set_max_image_pixels(399)
-        assert vemoproc.max_image_pixels() == 399
-        with pytest.raises(RuntimeError, match="Failed to decode image bytes"):
-            vemoproc.decode_image(data)
-        vemoproc.set_max_image_pixels(400)
-        assert vemoproc.decode_image(data).shape == (20, 20, 3)
-    finally:
-        vemoproc.set_max_image_pixels(before)
-
-
-def bt601_video(y, u, v):
-    """OpenCV's fixed-point BT.601 limited-range conversion, per pixel."""
-    shift = 20
-    half = 1 << (shift - 1)
-    yy = np.maximum(y.astype(np.int64) - 16, 0) * 1220542
-    u = u.astype(np.int64) - 128
-    v = v.astype(np.int64) - 128
-    r = (yy + half + 1673527 * v) >> shift
-    g = (yy + half - 852492 * v - 409993 * u) >> shift
-    b = (yy + half + 2116026 * u) >> shift
-    return np.clip(np.stack([r, g, b], -1), 0, 255).astype(np.uint8)
-
-
-def frame(height, width, seed=1):
-    rng = np.random.default_rng(seed)
-    ch, cw = (height + 1) // 2, (width + 1) // 2
-    return (rng.integers(0, 256, (height, width), dtype=np.uint8),
-            rng.integers(0, 256, (ch, cw), dtype=np.uint8),
-            rng.integers(0, 256, (ch, cw), dtype=np.uint8))
-
-
-def test_yuv_layouts_agree_with_a_numpy_bt601_conversion():
-    y, u, v = frame(7, 9)  # odd sides: the last chroma sample serves one pixel
-    up = np.repeat(np.repeat(u, 2, 0), 2, 1)[:7, :9]
-    vp = np.repeat(np.repeat(v, 2, 0), 2, 1)[:7, :9]
-    expected = bt601_video(y, up, vp)
+def test_yuv_planes_buffers_strides_and_enums_reach_the_library():
+    rng = np.random.default_rng(2)
+    y = rng.integers(0, 256, (8, 12), dtype=np.uint8)
+    u, v = rng.integers(0, 256, (2, 4, 6), dtype=np.uint8)
     nv12 = np.stack([u, v], -1)
-    L = vemoproc.YuvLayout
-    assert np.array_equal(vemoproc.yuv_to_rgb(y, nv12), expected)
-    assert np.array_equal(vemoproc.yuv_to_rgb(y, nv12.reshape(4, 10)), expected)
-    assert np.array_equal(vemoproc.yuv_to_rgb(y, np.stack([v, u], -1), layout=L.NV21), expected)
-    assert np.array_equal(vemoproc.yuv_to_rgb(y, u, v, layout=L.I420), expected)
-    full = vemoproc.yuv_to_rgb(y, nv12, range=vemoproc.YuvRange.Full)
-    assert not np.array_equal(full, expected)
-
-
-def test_yuv_single_buffer_strided_planes_and_rotation():
-    y, u, v = frame(8, 12, seed=2)
-    nv12 = np.stack([u, v], -1)
-    planes = vemoproc.yuv_to_rgb(y, nv12)
-    buffer = np.concatenate([y.ravel(), nv12.ravel()]).reshape(12, 12)
-    assert np.array_equal(vemoproc.yuv_to_rgb(buffer), planes)
-    i420 = np.concatenate([y.ravel(), u.ravel(), v.ravel()]).reshape(12, 12)
-    L = vemoproc.YuvLayout
-    assert np.array_equal(vemoproc.yuv_to_rgb(i420, layout=L.I420), planes)
+    L, R, yuv = vemoproc.YuvLayout, vemoproc.Rotation, vemoproc.yuv_to_rgb
+    planes = yuv(y, nv12)
+    assert planes.dtype == np.uint8 and planes.shape == (8, 12, 3)
     # Planes cut out of larger buffers are read in place at their strides.
     big_y = np.zeros((8, 40), np.uint8)
     big_y[:, 5:17] = y
     big_uv = np.zeros((4, 30, 2), np.uint8)
     big_uv[:, 3:9] = nv12
-    assert np.array_equal(vemoproc.yuv_to_rgb(big_y[:, 5:17], big_uv[:, 3:9]), planes)
-    R = vemoproc.Rotation
-    assert np.array_equal(vemoproc.yuv_to_rgb(y, nv12, rotation=R.Clockwise90),
-                          np.rot90(planes, k=-1))
-    assert np.array_equal(vemoproc.yuv_to_rgb(y, nv12, rotation=R.Rotate180), planes[::-1, ::-1])
-    assert np.array_equal(vemoproc.yuv_to_rgb(y, nv12, rotation=R.None_), planes)
-
-
-def test_yuv_errors_name_the_plane():
-    y, u, v = frame(8, 8)
-    with pytest.raises(ValueError, match="u: plane too small"):
-        vemoproc.yuv_to_rgb(y, u)  # NV12 needs two bytes per chroma sample
-    with pytest.raises(ValueError, match="v: required"):
-        vemoproc.yuv_to_rgb(y, u, layout=vemoproc.YuvLayout.I420)
-    with pytest.raises(ValueError, match="v: plane too small"):
-        vemoproc.yuv_to_rgb(y, u, v[:3], layout=vemoproc.YuvLayout.I420)
-    with pytest.raises(TypeError, match="y"):
-        vemoproc.yuv_to_rgb(y.astype(np.int16), np.stack([u, v], -1))
-    with pytest.raises(ValueError, match="y: without u"):
-        vemoproc.yuv_to_rgb(y)
+    for out in (yuv(y, nv12.reshape(4, 12)), yuv(y, np.stack([v, u], -1), layout=L.NV21),
+                yuv(y, u, v, layout=L.I420), yuv(np.vstack([y, nv12.reshape(4, 12)])),
+                yuv(np.vstack([y, u.reshape(2, 12), v.reshape(2, 12)]), layout=L.I420),
+                yuv(big_y[:, 5:17], big_uv[:, 3:9]), yuv(y, nv12, rotation=R.None_)):
+        assert np.array_equal(out, planes)
+    assert np.array_equal(yuv(y, nv12, rotation=R.Clockwise90), np.rot90(planes, -1))
+    # One pixel worked out by hand in both ranges.
+    red = (np.full((1, 1), 81, np.uint8), np.array([[[90, 240]]], np.uint8))
+    assert yuv(*red).tolist() == [[[254, 0, 0]]]
+    assert yuv(*red, range=vemoproc.YuvRange.Full).tolist() == [[[238, 14, 14]]]
+    for args, kwargs, error, match in (
+            ((y, u), {}, ValueError, "u: plane too small"),  # NV12: two bytes per sample
+            ((y, u), {"layout": L.I420}, ValueError, "v: required"),
+            ((y, u, v[:3]), {"layout": L.I420}, ValueError, "v: plane too small"),
+            ((y.astype(np.int16), nv12), {}, TypeError, "y"),
+            ((y,), {}, ValueError, "y: without u")):
+        with pytest.raises(error, match=match):
+            yuv(*args, **kwargs)

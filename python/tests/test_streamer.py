@@ -1,94 +1,58 @@
+# The streamer binding: Python tokenizers and streams, token-id types, error
+# mapping and the QueueStreamer iterator. The hold-back rules are checked in
+# C++ (tests/streamer_test.cpp).
 import io
 import threading
+from types import SimpleNamespace as Tokenizer
 
 import numpy as np
 import pytest
 
 import vemoproc
 
-WORDS = {0: "Hello", 1: ",", 2: " world", 3: ".", 4: "\n", 5: " again", 6: "\ufffd"}
+WORDS = {0: "Hello", 1: ",", 2: " world", 3: ".", 4: "\n", 5: " again"}
+words = Tokenizer(decode=lambda ids: "".join(WORDS[i] for i in ids))
 
 
-class Words:
-    """A tokenizer over a fixed vocabulary."""
-
-    def decode(self, ids):
-        return "".join(WORDS[i] for i in ids)
-
-
-class Recorder:
-    def __init__(self):
-        self.events = []
-
-    def write(self, text):
-        self.events.append(text)
-
+class Marking(io.StringIO):  # a '|' for every flush
     def flush(self):
-        self.events.append(None)
+        self.write("|")
 
 
-def test_text_is_written_as_it_becomes_final():
-    out = Recorder()
-    s = vemoproc.TextStreamer(Words(), out)
-    s.put([0, 2])          # the prompt: dropped
-    s.put([0])
-    s.put(np.array([1]))   # held back after a comma
-    s.put([2, 3])          # still held back after a full stop
-    s.put(4)               # line end: everything up to it
-    s.put([5])
+def test_python_streams_and_token_id_types(capsys):
+    out = Marking()
+    s = vemoproc.TextStreamer(words, out)
+    for ids in ([0, 2], [0], np.array([1], np.int64), [2, 3], 4, [5]):  # the first: the prompt
+        s.put(ids)
     s.end()
-    text = "".join(e for e in out.events if e is not None)
-    assert text == "Hello, world.\n again\n"
-    assert out.events[:4] == ["Hello", None, None, None]
-
-
-def test_default_stream_is_stdout_and_options(capsys):
-    s = vemoproc.TextStreamer(Words(), skip_prompt=False, strip_leading_space=False)
+    assert out.getvalue() == "Hello|||, world.\n| again|\n|"
+    s = vemoproc.TextStreamer(words, skip_prompt=False, strip_leading_space=False)
     s.put([2])
     s.end()
     assert capsys.readouterr().out == " world\n"
-    stream = io.StringIO()
-    s = vemoproc.TextStreamer(Words(), stream, skip_prompt=False)
-    s.put([2, 6])  # an incomplete character is held back
-    assert stream.getvalue() == ""
-    s.end()
-    assert stream.getvalue() == "world\ufffd\n"
 
 
-def test_python_errors_propagate_with_their_type():
-    class Broken:
-        def decode(self, ids):
-            raise KeyError("no such token")
-
+def test_errors_keep_their_python_type():
     with pytest.raises(KeyError, match="no such token"):
-        vemoproc.TextStreamer(Broken(), io.StringIO(), skip_prompt=False).put([1])
-
-    class Shrinking:
-        def decode(self, ids):
-            return "abcdef"[: 4 - len(ids)] if len(ids) > 1 else "abcd"
-
-    s = vemoproc.TextStreamer(Shrinking(), io.StringIO(), skip_prompt=False)
+        broken = Tokenizer(decode=lambda ids: {}["no such token"])
+        vemoproc.TextStreamer(broken, io.StringIO(), skip_prompt=False).put([1])
+    shrinking = Tokenizer(decode=lambda ids: "abcd" if len(ids) == 1 else "ab")
+    s = vemoproc.TextStreamer(shrinking, io.StringIO(), skip_prompt=False)
     s.put([1])
     with pytest.raises(IndexError):
         s.put([2])
-
-    class Closed(Recorder):
-        def write(self, text):
-            raise OSError("stream closed")
-
-    s = vemoproc.TextStreamer(Words(), Closed(), skip_prompt=False)
-    with pytest.raises(OSError, match="stream closed"):
-        s.put([0])
-    with pytest.raises(OSError, match="stream closed"):
-        s.put([2])  # the stream state was reset: the next write fails the same way
-    with pytest.raises(TypeError, match="tokenizer"):
-        vemoproc.TextStreamer(object())
-    with pytest.raises(TypeError, match="stream"):
-        vemoproc.TextStreamer(Words(), object())
+    closed = Tokenizer(write=lambda text: {}["stream closed"], flush=lambda: None)
+    s = vemoproc.TextStreamer(words, closed, skip_prompt=False)
+    for ids in ([0], [2]):  # the stream's state is reset: every write fails the same way
+        with pytest.raises(KeyError, match="stream closed"):
+            s.put(ids)
+    for args, name in (((object(),), "tokenizer"), ((words, object()), "stream")):
+        with pytest.raises(TypeError, match=name):
+            vemoproc.TextStreamer(*args)
 
 
-def test_queue_streamer_between_threads():
-    q = vemoproc.QueueStreamer(Words(), skip_prompt=False)
+def test_queue_streamer_iterates_across_threads():
+    q = vemoproc.QueueStreamer(words, skip_prompt=False)
 
     def generate():
         for step in ([0], [1], [2, 3], [4], [5]):
@@ -97,12 +61,11 @@ def test_queue_streamer_between_threads():
 
     producer = threading.Thread(target=generate)
     producer.start()
-    pieces = list(q)  # stops at the end()
+    assert list(q) == ["Hello", ", world.\n", " again", "\n"]  # stops at the end()
     producer.join()
-    assert "".join(pieces) == "Hello, world.\n again\n"
-    with pytest.raises(vemoproc.StreamTimeout):
-        q.next(timeout=0.01)
     assert issubclass(vemoproc.StreamTimeout, TimeoutError)
+    with pytest.raises(vemoproc.StreamTimeout):
+        q.next(timeout=0.01)  # nothing can arrive
     q.fail(ValueError("model crashed"))
     with pytest.raises(ValueError, match="model crashed"):
         q.next(timeout=1)
