@@ -471,4 +471,25 @@ TEST(YuvToRgb, BadFramesAreRefusedNamingThePlane) {
   throws({y, 4, uv, 4, nullptr, 0, 0, 4, YuvLayout::NV12, YuvRange::Video}, "frame.width");
 }
 
+// Strides near SIZE_MAX would wrap the row pointers: refused naming the
+// stride; one row needs no stride at all.
+TEST(ToRgb, StridesThatWrapTheAddressSpaceAreRefused) {
+  uint8_t px[16] = {};
+  const size_t huge = SIZE_MAX - 4;
+  for (const ImageView& v : {ImageView{px, 2, 2, huge, PixelFormat::RGB},
+                             ImageView{px, 1, 3, SIZE_MAX / 2, PixelFormat::GRAY}}) {
+    EXPECT_THAT([&] { vemoproc::to_rgb(v); },
+                testing::ThrowsMessage<std::runtime_error>(HasSubstr("image.stride is too large")));
+  }
+  EXPECT_EQ(vemoproc::to_rgb(ImageView{px, 2, 1, huge, PixelFormat::RGB}).rgb.size(), 6u);
+  const YuvView frames[] = {{px, huge, px, 4, nullptr, 0, 4, 2, YuvLayout::NV12, YuvRange::Video},
+                            {px, 4, px, huge, nullptr, 0, 4, 4, YuvLayout::NV12, YuvRange::Video},
+                            {px, 4, px, 2, px, huge, 4, 4, YuvLayout::I420, YuvRange::Video}};
+  const char* planes[] = {"frame.y_stride", "frame.u_stride", "frame.v_stride"};
+  for (size_t i = 0; i < 3; ++i) {
+    EXPECT_THAT([&] { vemoproc::to_rgb(frames[i]); },
+                testing::ThrowsMessage<std::runtime_error>(HasSubstr(planes[i])));
+  }
+}
+
 }  // namespace

@@ -38,7 +38,9 @@ DecodedRgb load_rgb_file(const std::string& path);
 bool within_pixel_budget(int64_t width, int64_t height);
 
 // RGB pixels for the resizers: a caller's RGB view is borrowed as it is
-// (strided rows, no copy); any other format is converted once.
+// (strided rows, no copy); any other format is converted once, that copy held
+// to the pixel budget ("image view: W x H pixels to convert to RGB exceed the
+// image pixel budget of N").
 class RgbSource {
  public:
   explicit RgbSource(const ImageView& view);  // throws like to_rgb for a bad view

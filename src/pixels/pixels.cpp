@@ -380,10 +380,28 @@ void yuv_row(const uint8_t* yrow, const uint8_t* urow, const uint8_t* vrow, size
   yuv_row_portable(yrow, urow, vrow, step, w, k, dst);
 }
 
-void check_plane(const uint8_t* plane, size_t stride, size_t row_bytes, const char* name) {
+// Whether `rows` rows of `row_bytes` at `stride` from `data` lie within the
+// address space: a stride near SIZE_MAX would wrap the row pointers (no real
+// buffer is that large, but the arithmetic must not wrap).
+bool span_fits(const uint8_t* data, size_t rows, size_t stride, size_t row_bytes) {
+  size_t span = 0;
+  if (__builtin_mul_overflow(rows - 1, stride, &span) ||
+      __builtin_add_overflow(span, row_bytes, &span) ||
+      span > static_cast<size_t>(std::numeric_limits<ptrdiff_t>::max())) {
+    return false;
+  }
+  uintptr_t end = 0;
+  return !__builtin_add_overflow(reinterpret_cast<uintptr_t>(data), span, &end);
+}
+
+void check_plane(const uint8_t* plane, size_t stride, size_t rows, size_t row_bytes,
+                 const char* name) {
   if (plane == nullptr) fail("to_rgb()", (std::string("frame.") + name + " is null").c_str());
   if (stride != 0 && stride < row_bytes) {
     fail("to_rgb()", (std::string("frame.") + name + "_stride is shorter than a row").c_str());
+  }
+  if (!span_fits(plane, rows, stride != 0 ? stride : row_bytes, row_bytes)) {
+    fail("to_rgb()", (std::string("frame.") + name + "_stride is too large").c_str());
   }
 }
 
@@ -474,9 +492,10 @@ Image to_rgb(const YuvView& frame, Rotation rotation) {
   if (frame.range != YuvRange::Video && frame.range != YuvRange::Full) {
     fail("to_rgb()", "frame.range is not a YuvRange value");
   }
-  check_plane(frame.y, frame.y_stride, w, "y");
-  check_plane(frame.u, frame.u_stride, planar ? cw : 2 * cw, "u");
-  if (planar) check_plane(frame.v, frame.v_stride, cw, "v");
+  const size_t ch = (h + 1) / 2;
+  check_plane(frame.y, frame.y_stride, h, w, "y");
+  check_plane(frame.u, frame.u_stride, ch, planar ? cw : 2 * cw, "u");
+  if (planar) check_plane(frame.v, frame.v_stride, ch, cw, "v");
   const size_t y_stride = frame.y_stride != 0 ? frame.y_stride : w;
   const size_t u_stride = frame.u_stride != 0 ? frame.u_stride : (planar ? cw : 2 * cw);
   const size_t v_stride = frame.v_stride != 0 ? frame.v_stride : cw;
@@ -584,8 +603,13 @@ void check_view(const ImageView& view, const char* what) {
   if (view.data == nullptr) fail(what, "image.data is null");
   if (view.width <= 0 || view.height <= 0)
     fail(what, "image.width and image.height must be positive");
-  if (view.stride != 0 && view.stride < static_cast<size_t>(view.width) * channels) {
+  const size_t row_bytes = static_cast<size_t>(view.width) * static_cast<size_t>(channels);
+  if (view.stride != 0 && view.stride < row_bytes) {
     fail(what, "image.stride is shorter than a row");
+  }
+  if (!span_fits(view.data, static_cast<size_t>(view.height),
+                 view.stride != 0 ? view.stride : row_bytes, row_bytes)) {
+    fail(what, "image.stride is too large");
   }
 }
 
@@ -597,6 +621,13 @@ RgbSource::RgbSource(const ImageView& view) {
     height_ = view.height;
     stride_ = view.stride != 0 ? view.stride : static_cast<size_t>(view.width) * 3u;
     return;
+  }
+  // The RGB copy is an intermediate image like any other: held to the budget.
+  if (!within_pixel_budget(view.width, view.height)) {
+    fail("image view", (std::to_string(view.width) + " x " + std::to_string(view.height) +
+                        " pixels to convert to RGB exceed the image pixel budget of " +
+                        std::to_string(max_image_pixels()))
+                           .c_str());
   }
   owned_ = to_rgb(view);
   data_ = owned_.rgb.data();
