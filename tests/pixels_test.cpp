@@ -207,8 +207,9 @@ void chunk(std::vector<uint8_t>& png, const char* type, const std::vector<uint8_
 
 // A real grey PNG of side x side black pixels: one fixed-Huffman deflate block
 // of a zero literal followed by (length 258, distance 1) repeats, so a
-// 400-megapixel image takes a few megabytes.
-std::vector<uint8_t> black_png(uint32_t side) {
+// 400-megapixel image takes a few megabytes. With `inflated`, the data
+// inflates to that many bytes whatever the side (an inflate bomb).
+std::vector<uint8_t> black_png(uint32_t side, uint64_t inflated = 0) {
   std::vector<uint8_t> png = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A};
   std::vector<uint8_t> ihdr;
   put32(ihdr, side);
@@ -216,7 +217,8 @@ std::vector<uint8_t> black_png(uint32_t side) {
   ihdr.insert(ihdr.end(), {8, 0, 0, 0, 0});  // 8-bit grey
   chunk(png, "IHDR", ihdr);
 
-  const uint64_t total = uint64_t{side} * (side + 1);  // a filter byte per row
+  // A filter byte per row.
+  const uint64_t total = inflated != 0 ? inflated : uint64_t{side} * (side + 1);
   std::vector<uint8_t> z = {0x78, 0x01};
   uint64_t bits = 0;
   int nbits = 0;
@@ -490,6 +492,26 @@ TEST(ToRgb, StridesThatWrapTheAddressSpaceAreRefused) {
     EXPECT_THAT([&] { vemoproc::to_rgb(frames[i]); },
                 testing::ThrowsMessage<std::runtime_error>(HasSubstr(planes[i])));
   }
+}
+
+// A 1 x 1 PNG whose data inflates to 300 MiB: refused once the inflate
+// buffer outgrows what the header declares, with its own message, in a child
+// whose address space may grow by 128 MiB only.
+TEST(PixelBudget, InflateBombsStopAtTheDeclaredSize) {
+  const std::vector<uint8_t> bomb = black_png(1, uint64_t{300} << 20);
+  EXPECT_EQ(testimg::in_child(
+                [&] {
+                  try {
+                    vemoproc::decode_image(bomb.data(), bomb.size());
+                  } catch (const std::runtime_error& e) {
+                    return std::string(e.what()) ==
+                           "Failed to decode image bytes: compressed data inflates past the "
+                           "declared image size";
+                  }
+                  return false;
+                },
+                128),
+            0);
 }
 
 }  // namespace

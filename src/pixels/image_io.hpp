@@ -30,6 +30,21 @@ struct DecodedRgb {
 // `reason` (when given) gets a short description.
 DecodedRgb decode_rgb(const uint8_t* bytes, size_t size, std::string* reason = nullptr);
 
+// While alive, the decoder may grow no buffer beyond `bytes` (compressed data
+// inflating past what the header declares is refused); decode_rgb sets it
+// from the header for every decode. Per thread.
+class InflateLimit {
+ public:
+  explicit InflateLimit(size_t bytes);
+  ~InflateLimit();
+  InflateLimit(const InflateLimit&) = delete;
+  InflateLimit& operator=(const InflateLimit&) = delete;
+  bool refused() const;  // whether a growth was refused since construction
+
+ private:
+  size_t saved_;
+};
+
 // read_file + decode_rgb: the path loaders' one way in. Empty on any failure;
 // the caller throws its own message.
 DecodedRgb load_rgb_file(const std::string& path);

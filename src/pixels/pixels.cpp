@@ -561,10 +561,21 @@ DecodedRgb decode_rgb(const uint8_t* bytes, size_t size, std::string* reason) {
   int comp = 0;
   // The header alone first: an image over the budget is refused before the
   // decoder allocates anything for its pixels.
-  if (info(bytes, size, &w, &h, &comp) != 0 && !within_pixel_budget(w, h)) {
+  const bool info_ok = info(bytes, size, &w, &h, &comp) != 0;
+  if (info_ok && !within_pixel_budget(w, h)) {
     return refuse(std::to_string(w) + " x " + std::to_string(h) +
                   " pixels exceed the image pixel budget of " + std::to_string(max_image_pixels()));
   }
+  // PNG data inflates into a buffer the decoder grows as it goes. A header
+  // declares at most 8 bytes a pixel plus a filter byte a row (16-bit RGBA;
+  // interlacing adds a little); growth beyond four times that, plus twice
+  // the file for the gathered compressed chunks, is refused. Other formats
+  // decode into buffers sized from their header.
+  const uint64_t declared =
+      info_ok ? (uint64_t(w) * 8u + 1u) * uint64_t(h) : 32u * max_image_pixels();
+  const uint64_t growth_limit = 4u * declared + 2u * uint64_t(size) + (uint64_t{1} << 20);
+  const InflateLimit limit(
+      static_cast<size_t>(std::min<uint64_t>(growth_limit, std::numeric_limits<size_t>::max())));
   stbi_uc* pixels = nullptr;
   if (is_pic(bytes, size)) {
     // The PIC decoder converts its buffer to the requested channel count even
@@ -580,6 +591,7 @@ DecodedRgb decode_rgb(const uint8_t* bytes, size_t size, std::string* reason) {
     pixels = load(bytes, size, &w, &h, &comp, 3);
   }
   if (pixels == nullptr) {
+    if (limit.refused()) return refuse("compressed data inflates past the declared image size");
     const char* why = stbi_failure_reason();
     return refuse(why != nullptr ? why : "unknown format");
   }
