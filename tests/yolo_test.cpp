@@ -257,7 +257,9 @@ TEST(RawImageLoad, ViewsAndThePixelBudget) {
   // The letterbox target is held to the same budget.
   vemoproc::set_max_image_pixels(36);
   EXPECT_EQ(yolo::letterbox(file, {9, 4}, 114).data.size(), 9u * 4 * 3);
-  EXPECT_EQ(error_of([&] { yolo::letterbox(file, {9, 5}, 114); }),
+  EXPECT_EQ(error_of([&] {
+              yolo::letterbox(file, {9, 5}, 114);
+            }),
             "stbir_resize_uint8_linear failed");
   vemoproc::set_max_image_pixels(saved);
 }
@@ -888,4 +890,32 @@ TEST(DrawDetections, HugeThicknessOnATallImageIsCheap) {
                         std::numeric_limits<int>::max());
   EXPECT_EQ(pixel(im, 0, 150000), (RGB{4, 42, 255}));
   EXPECT_EQ(pixel(im, 0, 299999), (RGB{4, 42, 255}));
+}
+
+// A target over the pixel budget is refused before the batch tensor is
+// allocated (16000 x 16000 would reserve 2.9 GB), in a child that may grow
+// its address space by 512 MiB only.
+TEST(Preprocess, TargetsOverTheBudgetAreRefusedBeforeAllocating) {
+  const uint8_t px[3] = {1, 2, 3};
+  const std::string path = testimg::write(testimg::solid(2, 2, 9, 9, 9), Format::Png, "t.png");
+  const auto refused = [](const std::function<void()>& f) {
+    try {
+      f();
+    } catch (const std::runtime_error& e) {
+      return std::string(e.what()) == "stbir_resize_uint8_linear failed";
+    }
+    return false;
+  };
+  EXPECT_EQ(testimg::in_child(
+                [&] {
+                  return refused([&] {
+                           yolo::preprocess_images({{px, 1, 1, 0, vemoproc::PixelFormat::RGB}},
+                                                   {16000, 16000});
+                         }) &&
+                         refused([&] {
+                           yolo::preprocess({path}, {16000, 16000});
+                         });
+                },
+                512),
+            0);
 }

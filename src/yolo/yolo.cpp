@@ -207,6 +207,15 @@ RawImage letterbox(const RawImage& image, const std::array<int, 2>& new_shape,
 
 xt::xtensor<float, 4> preprocess(const std::vector<std::string>& paths,
                                  const std::array<int, 2>& new_shape) {
+  // A target over the budget fails the first image, with its message, before
+  // the batch is allocated (the loop would throw the same at image 0).
+  if (!paths.empty() && new_shape[0] >= 0 && new_shape[1] >= 0 &&
+      !vemoproc::detail::within_pixel_budget(new_shape[0], new_shape[1])) {
+    if (!vemoproc::detail::load_rgb_file(paths[0])) {
+      throw std::runtime_error("stbi_load failed for: " + paths[0]);
+    }
+    throw resize_failed();
+  }
   xt::xtensor<float, 4> batch = batch_tensor(paths.size(), new_shape, "preprocess()");
   const size_t W = batch.shape(3);
   const size_t H = batch.shape(2);
@@ -223,6 +232,14 @@ xt::xtensor<float, 4> preprocess(const std::vector<std::string>& paths,
 
 DetectionBatch preprocess_images(const std::vector<vemoproc::ImageView>& images,
                                  const std::array<int, 2>& new_shape) {
+  // A target over the budget fails the first image, with its message, before
+  // the batch is allocated (the loop would throw the same at image 0).
+  if (!images.empty() && new_shape[0] >= 0 && new_shape[1] >= 0 &&
+      !vemoproc::detail::within_pixel_budget(new_shape[0], new_shape[1])) {
+    vemoproc::detail::check_view(images[0], "preprocess_images(): images[0]");
+    const vemoproc::detail::RgbSource first(images[0]);
+    throw resize_failed();
+  }
   DetectionBatch out;
   out.tensor = batch_tensor(images.size(), new_shape, "preprocess_images()");
   out.letterbox.resize(images.size());
