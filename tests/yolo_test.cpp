@@ -919,3 +919,22 @@ TEST(Preprocess, TargetsOverTheBudgetAreRefusedBeforeAllocating) {
                 512),
             0);
 }
+
+// The overload without options hands at most 30000 candidates to NMS: 200,000
+// one-pixel strips that all cross each other would test every pair. Five
+// disjoint boxes below the 30000 best scores are left out; the best are kept.
+TEST(Postprocess, TheOverloadWithoutOptionsCapsCandidatesAt30000) {
+  const size_t n = 30005;
+  xt::xtensor<float, 2> head = xt::zeros<float>({n, size_t{6}});
+  for (size_t i = 0; i < n; ++i) {
+    head(i, 0) = float(i % 1000) * 4.0f;  // 2 x 2 boxes on a grid, none overlapping
+    head(i, 1) = float(i / 1000) * 4.0f;
+    head(i, 2) = head(i, 3) = 2.0f;
+    head(i, 4) = 0.9f - float(i) * 1e-5f;  // row i scores above row i + 1
+  }
+  const auto dets = yolo::postprocess(head, {4000, 4000}, {4000, 4000}, 0.5f, 0.45f, n);
+  ASSERT_EQ(dets.size(), 30000u);
+  EXPECT_FLOAT_EQ(dets.back().score, head(29999, 4));
+  head = xt::view(head, xt::range(0, 30000), xt::all());
+  EXPECT_EQ(yolo::postprocess(head, {4000, 4000}, {4000, 4000}, 0.5f, 0.45f, n).size(), 30000u);
+}

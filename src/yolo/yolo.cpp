@@ -268,6 +268,11 @@ namespace {
 // Working table row: x1, y1, x2, y2, score, class (as float).
 constexpr size_t kCols = 6;
 
+// Most candidates the overload without options hands to NMS (the highest
+// scores, as max_candidates selects them): NMS may test every overlapping
+// pair, so this bounds its worst case (boxes that all cross each other).
+constexpr size_t kPostprocessCandidateLimit = 30000;
+
 // A detection head as the selection reads it, in place: n candidates of c
 // values each (cx, cy, w, h, [objectness,] class scores), stored one
 // candidate per row ([n, c]) or, channels first, one value per row ([c, n]).
@@ -701,7 +706,7 @@ std::vector<Detection> postprocess(const xt::xtensor<float, 2>& predictions,
   const std::vector<int> all_classes;
   std::vector<float> table =
       select_candidates(HeadView{predictions.data(), n, c, false},
-                        {conf_threshold, false, all_classes, std::numeric_limits<size_t>::max()});
+                        {conf_threshold, false, all_classes, kPostprocessCandidateLimit});
   if (table.empty()) return {};
 
   table = nms<float>(std::move(table), conf_threshold, iou_threshold, max_det, false);
