@@ -268,10 +268,14 @@ namespace {
 // Working table row: x1, y1, x2, y2, score, class (as float).
 constexpr size_t kCols = 6;
 
-// Most candidates the overload without options hands to NMS (the highest
-// scores, as max_candidates selects them): NMS may test every overlapping
-// pair, so this bounds its worst case (boxes that all cross each other).
-constexpr size_t kPostprocessCandidateLimit = 30000;
+// The overload without options has no candidate cap, and NMS may test every
+// overlapping pair (boxes that all cross each other but suppress none). Its
+// NMS is bounded instead: past kNmsWorkLimit steps (tree nodes visited plus
+// pairs tested) on more than kCappedCandidates candidates, it starts again on
+// the kCappedCandidates highest scores, as max_candidates selects them.
+// Results change only for heads that hit the limit.
+constexpr uint64_t kNmsWorkLimit = uint64_t{1} << 26;
+constexpr size_t kCappedCandidates = 8192;
 
 // A detection head as the selection reads it, in place: n candidates of c
 // values each (cx, cy, w, h, [objectness,] class scores), stored one
@@ -470,12 +474,14 @@ class OverlapIndex {
   }
 
   // Calls visit(b) for every live box b of a's tree whose subtree extent
-  // reaches into a's interior; visit may remove boxes.
+  // reaches into a's interior; visit may remove boxes. Adds the nodes it
+  // visits to `work`.
   template <class F>
-  void for_each_candidate(size_t a, F&& visit) {
+  void for_each_candidate(size_t a, uint64_t& work, F&& visit) {
     const T* ra = rows_ + a * kCols;
     stack_.assign(1, root_[a]);
     while (!stack_.empty()) {
+      ++work;
       const Node& node = nodes_[stack_.back()];
       stack_.pop_back();
       if (node.live == 0 || !(node.min_x1 < ra[2] && node.max_x2 > ra[0] && node.min_y1 < ra[3] &&
@@ -567,10 +573,13 @@ class OverlapIndex {
 
 // Greedy NMS over an [M, 6] row-major table. Returns the kept rows in order of
 // descending score. With agnostic false, only boxes of the same class (the
-// class column truncated to int) suppress each other.
+// class column truncated to int) suppress each other. Gives up, returning
+// nothing and setting *exhausted, once its steps (pairs tested, tree nodes
+// visited) pass work_limit.
 template <class T>
 std::vector<T> nms(std::vector<T> table, T conf_threshold, T iou_threshold, size_t max_det,
-                   bool agnostic) {
+                   bool agnostic, uint64_t work_limit = UINT64_MAX, bool* exhausted = nullptr) {
+  uint64_t work = 0;
   (void)conf_threshold;  // the table arrives already filtered
   const size_t m = table.size() / kCols;
   const T* rows = table.data();
@@ -593,6 +602,11 @@ std::vector<T> nms(std::vector<T> table, T conf_threshold, T iou_threshold, size
       const int class_a = saturating_int(ra[5]);
       const T area_a = area_of(ra);
       if (std::isnan(area_a)) continue;  // every IoU with it is NaN
+      work += m - p;
+      if (work > work_limit) {
+        *exhausted = true;
+        return {};
+      }
       for (size_t q = p + 1; q < m; ++q) {
         const size_t b = order[q];
         if (suppressed[b]) continue;
@@ -614,12 +628,17 @@ std::vector<T> nms(std::vector<T> table, T conf_threshold, T iou_threshold, size
       if (!index.indexed(a)) continue;
       const T* ra = rows + a * kCols;
       const T area_a = area_of(ra);
-      index.for_each_candidate(a, [&](size_t b) {
+      index.for_each_candidate(a, work, [&](size_t b) {
+        ++work;
         if (suppresses(ra, area_a, rows + b * kCols, iou_threshold)) {
           suppressed[b] = 1;
           index.remove(b);
         }
       });
+      if (work > work_limit) {
+        *exhausted = true;
+        return {};
+      }
     }
   }
 
@@ -704,12 +723,22 @@ std::vector<Detection> postprocess(const xt::xtensor<float, 2>& predictions,
   // Best class and confidence filter in one pass over the head; only rows that
   // pass the filter get their box converted, in index order.
   const std::vector<int> all_classes;
-  std::vector<float> table =
-      select_candidates(HeadView{predictions.data(), n, c, false},
-                        {conf_threshold, false, all_classes, kPostprocessCandidateLimit});
+  const HeadView view{predictions.data(), n, c, false};
+  std::vector<float> table = select_candidates(
+      view, {conf_threshold, false, all_classes, std::numeric_limits<size_t>::max()});
   if (table.empty()) return {};
 
-  table = nms<float>(std::move(table), conf_threshold, iou_threshold, max_det, false);
+  // Bounded NMS (see kNmsWorkLimit): a head that exhausts it starts again on
+  // its best kCappedCandidates candidates.
+  bool exhausted = false;
+  const bool bounded = table.size() / kCols > kCappedCandidates;
+  table = nms<float>(std::move(table), conf_threshold, iou_threshold, max_det, false,
+                     bounded ? kNmsWorkLimit : UINT64_MAX, &exhausted);
+  if (exhausted) {
+    table =
+        nms<float>(select_candidates(view, {conf_threshold, false, all_classes, kCappedCandidates}),
+                   conf_threshold, iou_threshold, max_det, false);
+  }
 
   // Undo the letterbox with the exact float gain and half the float padding
   // minus 0.1, then clip to the original image.
