@@ -46,6 +46,10 @@ head -c $((15 + 12)) /dev/urandom > f.nv21
 "$exe" qwen2vl f.nv21 --raw 5x3:nv21+full -o qv.npy >/dev/null || fail "qwen2vl --raw nv21"
 [ "$(shape_of qv.npy)" = "'shape': (900, 1176)" ] || fail "qwen2vl nv21 shape: $(shape_of qv.npy)"
 expect_error "frame is 27 bytes, got 26" qwen2vl - --raw 5x3:nv12 -o m.npy < <(head -c 26 f.nv21)
+# A raw frame reads only the bytes it needs (and one more) from standard input.
+expect_error "frame is 3 bytes, got more than 3" zentil - --raw 1x1:rgb -o m.npy < <(head -c 1000000 /dev/zero)
+head -c 4 f.nv21 > four.raw
+expect_error "frame is 3 bytes, got 4$" zentil four.raw --raw 1x1:rgb -o m.npy
 expect_error "--raw expects" convnext rgb.raw --raw 64x48:yuv -o m.npy
 expect_error "--raw expects" convnext rgb.raw --raw 64x48:rgb+full -o m.npy
 expect_error "only once" qwen2vl - - -o m.npy < rgb.ppm
