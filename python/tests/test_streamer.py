@@ -1,4 +1,6 @@
 import io
+import subprocess
+import sys
 import threading
 
 import numpy as np
@@ -111,3 +113,27 @@ def test_queue_streamer_between_threads():
         q.put([0])
     with pytest.raises(TypeError, match="error"):
         q.fail("not an exception")
+
+
+def test_huge_timeouts_wait_and_a_daemon_consumer_does_not_abort_the_exit():
+    q = vemoproc.QueueStreamer(Words(), skip_prompt=False)
+    producer = threading.Timer(0.2, lambda: (q.put([0]), q.end()))
+    producer.start()
+    for timeout in (float("inf"), 1e300, 1e10):
+        assert q.next(timeout=timeout) in ("Hello", "\n", None)
+    producer.join()
+    # At exit a daemon thread waiting in next() is ended by the interpreter;
+    # the script ends once that has happened, with status 0.
+    script = """
+import os, threading, vemoproc
+class Tok:
+    def decode(self, ids): return ""
+q = vemoproc.QueueStreamer(Tok())
+threading.Thread(target=q.next, daemon=True).start()
+class AtTeardown:
+    def __del__(self, listdir=os.listdir):
+        while len(listdir("/proc/self/task")) > 1: pass
+keep = AtTeardown()
+"""
+    done = subprocess.run([sys.executable, "-c", script], capture_output=True, timeout=60)
+    assert (done.returncode, done.stderr) == (0, b"")

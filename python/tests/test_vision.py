@@ -1,5 +1,6 @@
 import os
 import pathlib
+import threading
 
 import numpy as np
 import pytest
@@ -139,3 +140,19 @@ def test_qwen2vl_helpers_and_errors():
         qwen2vl.Qwen2VLImageProcessor().preprocess([img.astype(np.int32)])
     proc = qwen2vl.Qwen2VLImageProcessor(image_mean=[0.5], image_std=[0.25])
     assert proc.image_mean == [0.5] and proc.image_std == [0.25]
+
+
+def test_settings_changed_during_a_call_do_not_reach_it(tmp_path):
+    # The call reads a FIFO, so it is inside the library (GIL released) when
+    # the writer's open returns; the settings changed then must not reach it.
+    fifo = tmp_path / "frame.fifo"
+    os.mkfifo(fifo)
+    p = qwen2vl.Qwen2VLImageProcessor()
+    out = {}
+    worker = threading.Thread(target=lambda: out.update(r=p.preprocess(fifo)))
+    worker.start()
+    with open(fifo, "wb") as w:
+        p.temporal_patch_size, p.merge_size = 1, 1
+        w.write(png_bytes(scene(56, 56)))
+    worker.join()
+    assert out["r"][0].shape == (16, 3 * 2 * 14 * 14)

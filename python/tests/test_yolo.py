@@ -148,3 +148,17 @@ def test_in_memory_batches_and_geometry_postprocessing(write_png):
         yolo.postprocess_batch(np.stack([head, head]), [info], as_array=True)
     with pytest.raises(TypeError, match="images"):
         yolo.preprocess_images(["a.png"], (64, 32))
+
+
+def test_drawn_class_columns_saturate_and_nan_is_class_0():
+    def drawn(rows_or_list):
+        image = np.zeros((40, 60, 3), np.uint8)
+        yolo.draw_detections(image, rows_or_list, ["person"])
+        return image
+
+    row = [5.0, 15.0, 40.0, 35.0, 0.5]
+    assert np.array_equal(drawn(np.array([row + [np.nan]], np.float32)),
+                          drawn(np.array([row + [0.0]], np.float32)))
+    for value, class_id in ((1e30, 2**31 - 1), (-1e30, -2**31)):
+        assert np.array_equal(drawn(np.array([row + [value]], np.float32)),
+                              drawn([yolo.Detection(*row, class_id)]))
