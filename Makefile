@@ -14,11 +14,17 @@ CMAKE_COMMON := -DCMAKE_BUILD_TYPE=Release
 
 all: build
 
+# Each target installs only what it uses (scripts/setup.sh JOB...).
 setup:
-	bash scripts/setup.sh
+	bash scripts/setup.sh test
 
+# Everything the suite needs in the release tree: library, tool, Python
+# module, tests and benchmarks (options given explicitly, so a tree first
+# configured by `make demo` gets them).
+FULL_TREE := -DVEMOPROC_BUILD_TESTS=ON -DVEMOPROC_BUILD_BENCH=ON -DVEMOPROC_BUILD_TOOLS=ON \
+  -DVEMOPROC_BUILD_PYTHON=ON
 build: setup
-	cmake -S . -B $(RELEASE) $(CMAKE_COMMON) >/dev/null
+	cmake -S . -B $(RELEASE) $(CMAKE_COMMON) $(FULL_TREE) >/dev/null
 	cmake --build $(RELEASE) -j$(JOBS)
 
 # The whole suite twice: optimised, then under AddressSanitizer and
@@ -51,7 +57,8 @@ test-thread: setup
 # and the installed-package checks (host programs) are left out.
 ARM64 := $(BUILD)/arm64
 ARM64_TOOLCHAIN := $(CURDIR)/cmake/toolchain-aarch64.cmake
-test-arm64-build: setup
+test-arm64-build:
+	bash scripts/setup.sh arm64
 	@if [ ! -f $(ARM64)/gtest/prefix/.done ]; then \
 	  cmake -S /usr/src/googletest -B $(ARM64)/gtest/build -DCMAKE_BUILD_TYPE=Release \
 	    -DCMAKE_TOOLCHAIN_FILE=$(ARM64_TOOLCHAIN) -DCMAKE_INSTALL_PREFIX=$(CURDIR)/$(ARM64)/gtest/prefix >/dev/null && \
@@ -69,7 +76,7 @@ test-arm64: test-arm64-build
 # consumer program. Only the library is built.
 STATIC := $(BUILD)/static
 test-static: setup
-	cmake -S . -B $(STATIC) $(CMAKE_COMMON) -DBUILD_SHARED_LIBS=OFF -DVEMOPROC_BUILD_BENCH=OFF \
+	cmake -S . -B $(STATIC) $(CMAKE_COMMON) -DBUILD_SHARED_LIBS=OFF -DVEMOPROC_BUILD_TESTS=ON -DVEMOPROC_BUILD_BENCH=OFF \
 	  -DVEMOPROC_BUILD_TOOLS=OFF -DVEMOPROC_BUILD_PYTHON=OFF >/dev/null
 	cmake --build $(STATIC) -j$(JOBS) --target vemoproc
 	ctest --test-dir $(STATIC) --output-on-failure -R '^installed_package_consumer$$'
@@ -91,7 +98,13 @@ ci: test test-thread
 	bash fuzz/run.sh $(BUILD)/fuzz 20
 	$(MAKE) test-arm64 test-static package
 
-demo: build
+# The demo needs only the library and the tool: no test or benchmark
+# packages, and nothing else is built.
+demo:
+	bash scripts/setup.sh demo
+	cmake -S . -B $(RELEASE) $(CMAKE_COMMON) -DVEMOPROC_BUILD_TESTS=OFF -DVEMOPROC_BUILD_BENCH=OFF \
+	  -DVEMOPROC_BUILD_PYTHON=OFF -DVEMOPROC_BUILD_TOOLS=ON >/dev/null
+	cmake --build $(RELEASE) -j$(JOBS) --target vemoproc_cli
 	$(RELEASE)/tools/vemoproc demo
 
 bench: build
@@ -108,7 +121,7 @@ bench-peers: setup
 	cmake --build $(PEERS) -j$(JOBS) --target peers_bench
 	$(PEERS)/bench/peers/peers_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 
-fuzz: setup
+fuzz:
 	bash fuzz/run.sh $(BUILD)/fuzz $(FUZZ_SECONDS) $(FUZZ_ONLY)
 
 install: build

@@ -10,6 +10,7 @@ build=${1:-$root/build/fuzz}
 seconds=${2:-60}
 only=${3:-}
 case "$build" in /*) ;; *) build="$root/$build" ;; esac
+bash "$root/scripts/setup.sh" fuzz
 
 CC=clang CXX=clang++ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release \
   -DVEMOPROC_BUILD_FUZZ=ON -DVEMOPROC_SANITIZE=address,undefined \

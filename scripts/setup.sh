@@ -1,28 +1,50 @@
 #!/usr/bin/env bash
-# Installs what a fresh Debian bookworm machine lacks to build, test and
-# benchmark the library. Safe to run again: it only acts on what is missing.
+# Installs what a fresh Debian bookworm machine lacks for one or more of the
+# project's jobs, and the pinned stb headers. Safe to run again: it only acts on
+# what is missing.
+#   scripts/setup.sh [demo|test|arm64|fuzz ...]   (default: test)
+# demo   build the library and the tool
+# test   also the test suite, benchmarks, Python module and the Debian package
+# arm64  also the cross compiler and qemu for the aarch64 suite and package
+# fuzz   also clang and its fuzzing runtime
 set -euo pipefail
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 
-apt_packages=(
-  g++ cmake make pkg-config
-  libxtensor-dev xtl-dev
-  libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
-  clang libclang-rt-14-dev
+demo_packages=(
+  g++ cmake make pkg-config ca-certificates npm
+  libxtensor-dev xtl-dev libcli11-dev
+)
+test_packages=(
+  libgtest-dev libgmock-dev libbenchmark-dev
   python3-dev python3-setuptools python3-wheel python3-pip python3-venv
   pybind11-dev python3-pybind11 python3-numpy python3-pytest
-  g++-aarch64-linux-gnu qemu-user-static googletest
-  dpkg-dev
+  dpkg-dev file python3-opencv python3-pil
 )
+arm64_packages=(g++-aarch64-linux-gnu qemu-user-static googletest)
+fuzz_packages=(clang libclang-rt-14-dev)
+
+[ "$#" -gt 0 ] || set -- test
+wanted=("${demo_packages[@]}")
+for job in "$@"; do
+  case "$job" in
+    demo) ;;
+    test) wanted+=("${test_packages[@]}") ;;
+    arm64) wanted+=("${test_packages[@]}" "${arm64_packages[@]}") ;;
+    fuzz) wanted+=("${test_packages[@]}" "${fuzz_packages[@]}") ;;
+    *) echo "setup: unknown job '$job' (demo, test, arm64, fuzz)" >&2; exit 2 ;;
+  esac
+done
 
 missing=()
-for pkg in "${apt_packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed' || missing+=("$pkg")
+for pkg in "${wanted[@]}"; do
+  status=$(dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null || true)
+  [ "$status" = "install ok installed" ] || missing+=("$pkg")
 done
-command -v npm >/dev/null 2>&1 || missing+=(npm)
 
 if [ "${#missing[@]}" -gt 0 ]; then
+  # Each package once, in the order first named.
+  mapfile -t missing < <(printf '%s\n' "${missing[@]}" | awk '!seen[$0]++')
   echo "setup: installing ${missing[*]}"
   sudo_cmd=()
   [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
@@ -56,7 +78,7 @@ fi
 tar -xzf "$tarball" -C "$work"
 mkdir -p "$stb_dir"
 for h in "${stb_headers[@]}"; do
-  src="$(find "$work/package" -path "*/stb/$h" | head -n 1)"
+  src="$(find "$work/package" -path "*/stb/$h" -print -quit)"
   [ -n "$src" ] || { echo "setup: $h missing from stb.c@$stb_version" >&2; exit 1; }
   cp "$src" "$stb_dir/$h"
 done

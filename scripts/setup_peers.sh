@@ -2,7 +2,7 @@
 # Installs OpenCV for the side-by-side benchmark (make bench-peers) when it is
 # missing. Never needed to build, test or use the library.
 set -euo pipefail
-if dpkg-query -W -f='${Status}' libopencv-dev 2>/dev/null | grep -q 'install ok installed'; then
+if [ "$(dpkg-query -W -f='${Status}' libopencv-dev 2>/dev/null || true)" = "install ok installed" ]; then
   exit 0
 fi
 echo "setup_peers: installing libopencv-dev"

@@ -18,7 +18,7 @@ expect_error() {
   err=$("$exe" "$@" 2>&1 >/dev/null) || status=$?
   [ "$status" -ne 0 ] && [ "$status" -lt 128 ] || fail "'$*' exited $status"
   [ "$(printf '%s\n' "$err" | wc -l)" -eq 1 ] || fail "'$*' printed more than one line: $err"
-  printf '%s' "$err" | grep -q -- "$pattern" || fail "'$*' said: $err"
+  grep -q -- "$pattern" <<<"$err" || fail "'$*' said: $err"
 }
 
 # npy FILE DESCR SHAPE BYTES VALUE...: a version 1.0 .npy file whose elements

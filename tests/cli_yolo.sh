@@ -10,7 +10,7 @@ grep -q '^\[6/6\] write scene.png .* done (' demo.txt || fail "demo stage times"
 grep -q '^5 detection(s)' demo.txt || fail "demo detections: $(cat demo.txt)"
 
 # preprocess: the tensor shape follows --size WxH
-"$exe" yolo-preprocess --size 320x256 scene.png scene.png -o batch.npy | grep -q '\[2, 3, 256, 320\]' \
+"$exe" yolo-preprocess --size 320x256 scene.png scene.png -o batch.npy | grep '\[2, 3, 256, 320\]' >/dev/null \
   || fail "yolo-preprocess shape"
 [ -s batch.npy ] || fail "yolo-preprocess wrote nothing"
 
@@ -25,7 +25,7 @@ grep -q '^1 cls_1 0.9000 432.1 ' post.txt || fail "postprocess row: $(cat post.t
 npy_f32 head_cn.npy '(1, 6, 1)' 320 320 64 64 0.1 0.9
 printf 'a\nb\n' > names.txt
 "$exe" yolo-postprocess head_cn.npy --layout cn --names names.txt --input-size 640x640 --image scene.png \
-  | grep -q '^1 b 0.9000' || fail "--layout cn"
+  | grep '^1 b 0.9000' >/dev/null || fail "--layout cn"
 
 # Images from standard input and raw frames give the file's tensor.
 "$exe" yolo-preprocess scene.png -o from_file.npy >/dev/null || fail "preprocess from a file"
@@ -38,7 +38,7 @@ tail -c $((33 * 21 * 3)) small.ppm > small.raw
   fail "preprocess --raw"
 cmp -s ppm.npy raw.npy || fail "preprocess --raw differs"
 "$exe" yolo-postprocess head.npy --input-size 640x640 --image - < scene.png |
-  grep -q '^1 cls_1 0.9000 432.1 ' || fail "postprocess --image -"
+  grep '^1 cls_1 0.9000 432.1 ' >/dev/null || fail "postprocess --image -"
 
 # --exact maps back with the applied geometry (640 x 427 at top 106): x1 =
 # 288 / (640 / 960) = 432.0, y1 = (288 - 106) / (427 / 640) = 272.8.
@@ -49,10 +49,10 @@ grep -q '^letterbox: 960x640 scaled by 0.666667 to 640x427 at (0, 106)' exact.tx
 grep -q '^1 cls_1 0.9000 432.0 272.8 ' exact.txt || fail "--exact row: $(cat exact.txt)"
 # Two overlapping boxes of different classes: both kept per class, one agnostic.
 npy_f32 two.npy '(2, 6)' 320 320 64 64 0.9 0.1   322 320 64 64 0.1 0.8
-"$exe" yolo-postprocess two.npy --input-size 640x640 --image scene.png | grep -q '^2 detection' ||
+"$exe" yolo-postprocess two.npy --input-size 640x640 --image scene.png | grep '^2 detection' >/dev/null ||
   fail "per-class NMS"
 "$exe" yolo-postprocess two.npy --input-size 640x640 --image scene.png --agnostic |
-  grep -q '^1 detection' || fail "--agnostic"
+  grep '^1 detection' >/dev/null || fail "--agnostic"
 # An NMS-free head: rows above the threshold, in order, mapped back.
 npy_f32 e2e.npy '(2, 6)' 288 288 352 352 0.9 1   0 0 10 10 0.1 0
 "$exe" yolo-postprocess e2e.npy --input-size 640x640 --image scene.png --end2end > e2e.txt ||
@@ -98,9 +98,9 @@ npy_custom cn.npy 1 0 "{'descr': '<f4', 'fortran_order': False, 'shape': (1, 84,
   "x$((84 * 8400 * 4))"
 expect_error "cn.npy: the head is \[84, 8400\], which looks channel-first; pass --layout cn" \
   yolo-postprocess cn.npy --input-size 640x640 --image scene.png
-"$exe" yolo-postprocess cn.npy --layout cn --input-size 640x640 --image scene.png | grep -q '^0 detection' ||
+"$exe" yolo-postprocess cn.npy --layout cn --input-size 640x640 --image scene.png | grep '^0 detection' >/dev/null ||
   fail "--layout cn on [1, 84, 8400]"
-"$exe" yolo-postprocess cn.npy --layout nc --input-size 640x640 --image scene.png | grep -q '^0 detection' ||
+"$exe" yolo-postprocess cn.npy --layout nc --input-size 640x640 --image scene.png | grep '^0 detection' >/dev/null ||
   fail "--layout nc on [1, 84, 8400]"
 # --names given a directory.
 mkdir names.d

@@ -15,6 +15,7 @@
 
 #include "cli_common.hpp"
 #include "cli_images.hpp"
+#include "stb_image_resize2.h"
 #include "stb_image_write.h"
 #include "yolo.hpp"
 
@@ -210,7 +211,18 @@ struct SceneObject {
   float x1, y1, x2, y2;  // original-image pixels
 };
 
-const std::vector<std::string> kDemoNames = {"house", "tree", "sun", "car"};
+// Class ids whose palette colours are dark enough for the white label text:
+// house, tree, sun and car, and the placeholder boxes drawn on a user's photo.
+constexpr int kHouse = 0, kTree = 4, kSun = 9, kCar = 16, kPlaceholder = 15;
+std::vector<std::string> demo_names() {
+  std::vector<std::string> names(17);
+  names[kHouse] = "house";
+  names[kTree] = "tree";
+  names[kSun] = "sun";
+  names[kCar] = "car";
+  names[kPlaceholder] = "synthetic box";
+  return names;
+}
 
 void fill_rect(yolo::RawImage& im, int x1, int y1, int x2, int y2, std::array<uint8_t, 3> c) {
   for (int y = std::max(y1, 0); y < std::min(y2, im.height); ++y)
@@ -249,11 +261,11 @@ std::vector<SceneObject> paint_scene(yolo::RawImage& im) {
   fill_rect(im, 650, 460, 800, 500, {200, 30, 40});
   fill_disc(im, 650, 570, 24, {30, 30, 30});
   fill_disc(im, 810, 570, 24, {30, 30, 30});
-  return {{0, 160, 210, 420, 470},
-          {1, 485, 240, 605, 480},
-          {1, 670, 293, 754, 470},
-          {2, 760, 50, 880, 170},
-          {3, 600, 460, 860, 594}};
+  return {{kHouse, 160, 210, 420, 470},
+          {kTree, 485, 240, 605, 480},
+          {kTree, 670, 293, 754, 470},
+          {kSun, 760, 50, 880, 170},
+          {kCar, 600, 460, 860, 594}};
 }
 
 // Synthetic raw head [rows, 4 + classes] in network pixels: a cluster of
@@ -261,7 +273,7 @@ std::vector<SceneObject> paint_scene(yolo::RawImage& im) {
 // and low-score background rows. There is no network here.
 xt::xtensor<float, 2> synthetic_head(const std::vector<SceneObject>& objects, int img_w, int img_h,
                                      std::array<int, 2> net, size_t rows) {
-  const size_t classes = kDemoNames.size();
+  const size_t classes = demo_names().size();
   xt::xtensor<float, 2> head = xt::zeros<float>({rows, 4 + classes});
   const float r = std::min(float(net[1]) / float(img_h), float(net[0]) / float(img_w));
   const float left = (net[0] - std::round(r * img_w)) / 2;
@@ -299,16 +311,48 @@ struct DemoArgs {
   std::string size = "640x640";
 };
 
+// The picture the demo writes: at most kDemoSide pixels on its longer side,
+// so that lines and the fixed-size label font stay in proportion and the PNG
+// stays small whatever the photo's size; detections are scaled with it.
+constexpr int kDemoSide = 960;
+
+yolo::RawImage fit_for_display(const yolo::RawImage& image, std::vector<yolo::Detection>& dets) {
+  const int side = std::max(image.width, image.height);
+  if (side <= kDemoSide) return image;
+  const double f = double(kDemoSide) / side;
+  yolo::RawImage out;
+  out.width = std::max(1, int(std::lround(image.width * f)));
+  out.height = std::max(1, int(std::lround(image.height * f)));
+  out.channels = 3;
+  out.data.resize(size_t(out.width) * size_t(out.height) * 3);
+  if (!stbir_resize_uint8_linear(image.data.data(), image.width, image.height, image.width * 3,
+                                 out.data.data(), out.width, out.height, out.width * 3,
+                                 STBIR_RGB)) {
+    throw std::runtime_error("demo: cannot scale the picture for display");
+  }
+  const float fx = float(out.width) / float(image.width);
+  const float fy = float(out.height) / float(image.height);
+  for (auto& d : dets) {
+    d.x1 *= fx;
+    d.x2 *= fx;
+    d.y1 *= fy;
+    d.y2 *= fy;
+  }
+  return out;
+}
+
 void run_demo(const DemoArgs& a) {
   const auto net = cli::parse_size(a.size, "--size");
   cli::check_pixels(net[0], net[1], "--size");
   constexpr int kStages = 6;
+  const std::vector<std::string> names = demo_names();
   yolo::RawImage scene;
   std::vector<SceneObject> objects;
   std::string input = a.image;
+  const bool photo = !a.image.empty();
   {
-    cli::Stage s(1, kStages, a.image.empty() ? "painting a sample scene" : "reading " + a.image);
-    if (a.image.empty()) {
+    cli::Stage s(1, kStages, photo ? "reading " + a.image : "painting a sample scene");
+    if (!photo) {
       objects = paint_scene(scene);
       input = (std::filesystem::temp_directory_path() / "vemoproc-demo-scene.png").string();
       write_png(scene, input);
@@ -319,11 +363,12 @@ void run_demo(const DemoArgs& a) {
         input = (std::filesystem::temp_directory_path() / "vemoproc-demo-input.png").string();
         write_png(scene, input);
       }
-      // Without a network, an arbitrary photo gets three boxes at fixed spots.
+      // No network runs here, so a photo gets placeholder boxes at fixed
+      // spots, labelled as such.
       const float w = float(scene.width), h = float(scene.height);
-      objects = {{0, 0.1f * w, 0.2f * h, 0.45f * w, 0.9f * h},
-                 {1, 0.5f * w, 0.1f * h, 0.7f * w, 0.6f * h},
-                 {3, 0.6f * w, 0.55f * h, 0.95f * w, 0.95f * h}};
+      objects = {{kPlaceholder, 0.1f * w, 0.2f * h, 0.45f * w, 0.9f * h},
+                 {kPlaceholder, 0.5f * w, 0.1f * h, 0.7f * w, 0.6f * h},
+                 {kPlaceholder, 0.6f * w, 0.55f * h, 0.95f * w, 0.95f * h}};
     }
   }
   {
@@ -342,15 +387,29 @@ void run_demo(const DemoArgs& a) {
     dets = yolo::postprocess(head, {size_t(net[1]), size_t(net[0])},
                              {size_t(scene.height), size_t(scene.width)}, 0.25f, 0.45f, 300);
   }
+  yolo::RawImage picture;
   {
     cli::Stage s(5, kStages, "draw " + std::to_string(dets.size()) + " detections");
-    yolo::draw_detections(scene, dets, kDemoNames, true, 3);
+    std::vector<yolo::Detection> shown = dets;
+    picture = fit_for_display(scene, shown);
+    const int thickness = std::max(2, std::max(picture.width, picture.height) / 320);
+    yolo::draw_detections(picture, shown, names, true, thickness);
+    if (photo) {
+      // The banner is a label with no box: the picture itself says the boxes
+      // are not detections.
+      yolo::draw_detections(picture, {{0, 0, 0, 0, 0, 0}},
+                            {"synthetic head"}, false, 0);
+    }
   }
   {
     cli::Stage s(6, kStages, "write " + a.output);
-    write_png(scene, a.output);
+    write_png(picture, a.output);
   }
-  print_detections(dets, kDemoNames);
+  print_detections(dets, names);
+  if (photo) {
+    std::cout << "note: the detection head is synthetic (this library runs no network): the boxes "
+                 "on your photo are placeholders at fixed spots, not detections\n";
+  }
   std::cout << "annotated image: " << a.output << "\n";
 }
 

@@ -20,7 +20,10 @@ case $mode in
     cpack --config "$build_dir/CPackConfig.cmake" -B "$work/deb" >/dev/null
     deb=$(find "$work/deb" -maxdepth 1 -name '*.deb')
     [ "$(echo "$deb" | wc -l)" -eq 1 ] || { echo "expected one package, got: $deb" >&2; exit 1; }
-    dpkg-deb --info "$deb" | grep -q "Architecture: $(dpkg --print-architecture)"
+    # The whole listing is read first: an early-exit reader would make the
+    # writer die of SIGPIPE, which pipefail reports as a failure.
+    info=$(dpkg-deb --info "$deb")
+    grep -q "Architecture: $(dpkg --print-architecture)" <<<"$info"
     dpkg -x "$deb" "$work/root"
     prefix="$work/root/usr"
     "$prefix/bin/vemoproc" --help >/dev/null
@@ -32,7 +35,7 @@ cmake --build "$work/build" >/dev/null
 "$work/build/app"
 # The .pc file sits in the library folder, whether the library is shared or a
 # static archive; --static adds the archive's private dependencies.
-pc=$(find "$prefix" -name vemoproc.pc | head -n 1)
+pc=$(find "$prefix" -name vemoproc.pc -print -quit)
 libdir=$(dirname "$(dirname "$pc")")
 export PKG_CONFIG_PATH="$(dirname "$pc")"
 # shellcheck disable=SC2046
@@ -43,7 +46,7 @@ c++ -std=c++17 "$src_dir/main.cpp" -o "$work/app-pc" $(pkg-config --static --cfl
 # the scratch folder so the source tree's package cannot be picked up).
 python=${5:-}
 if [ -n "$python" ]; then
-  pkg=$(dirname "$(find "$prefix" -name '__init__.py' -path '*/vemoproc/*' | head -n 1)")
+  pkg=$(dirname "$(find "$prefix" -name '__init__.py' -path '*/vemoproc/*' -print -quit)")
   (cd "$work" && PYTHONPATH="$(dirname "$pkg")" "$python" -c "import vemoproc, numpy
 assert vemoproc.__file__.startswith('$work')
 vemoproc.zentil.ZentilPreprocessor(4).process(numpy.zeros((8, 8, 3), numpy.uint8))")
