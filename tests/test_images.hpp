@@ -182,7 +182,9 @@ inline std::string write_garbage(const std::string& name) {
 inline int in_child(const std::function<bool()>& f, size_t extra_mib = 0) {
   const pid_t pid = fork();
   if (pid == 0) {
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    (void)extra_mib;
+#else
     if (extra_mib > 0) {
       size_t pages = 0;
       std::ifstream("/proc/self/statm") >> pages;
