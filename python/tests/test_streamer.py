@@ -1,4 +1,5 @@
 import io
+import os
 import subprocess
 import sys
 import threading
@@ -133,5 +134,7 @@ q = vemoproc.QueueStreamer(Tok())
 threading.Thread(target=q.next, daemon=True).start()
 teardown_work = [[i] for i in range(3_000_000)]
 """
+    if "libasan" in os.environ.get("LD_PRELOAD", ""):
+        pytest.skip("UBSan flags pybind11's own catch of the unwinding that ends the thread")
     done = subprocess.run([sys.executable, "-c", script], capture_output=True, timeout=60)
     assert (done.returncode, done.stderr) == (0, b"")
