@@ -100,17 +100,27 @@ class Pool {
     Pool* pool = live.load();
     if (pool != nullptr) return *pool;
     std::lock_guard<std::mutex> lock(creation);
-    static const int registered = pthread_atfork([] { creation.lock(); }, [] { creation.unlock(); },
-                                                 [] {
-                                                   Pool* parents = live.exchange(nullptr);
-                                                   // Kept reachable, never destroyed: its threads
-                                                   // belong to the parent.
-                                                   if (parents != nullptr) {
-                                                     parents->abandoned_ = abandoned;
-                                                     abandoned = parents;
-                                                   }
-                                                   creation.unlock();
-                                                 });
+    // Around fork(): no worker is between two jobs (freeing one, perhaps)
+    // while the child is made, since the pool's lock is held across it.
+    static const int registered = pthread_atfork(
+        [] {
+          creation.lock();
+          if (Pool* p = live.load()) p->mutex_.lock();
+        },
+        [] {
+          if (Pool* p = live.load()) p->mutex_.unlock();
+          creation.unlock();
+        },
+        [] {
+          Pool* parents = live.exchange(nullptr);
+          // Kept reachable, never destroyed or unlocked: its threads belong
+          // to the parent.
+          if (parents != nullptr) {
+            parents->abandoned_ = abandoned;
+            abandoned = parents;
+          }
+          creation.unlock();
+        });
     (void)registered;
     if (live.load() == nullptr) live.store(new Pool());
     return *live.load();
