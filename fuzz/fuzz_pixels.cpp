@@ -1,13 +1,16 @@
 // Caller pixels and camera frames: fuzzed sizes, strides, formats, layouts
 // and rotations over buffers sized exactly as the views declare (so ASan
 // catches any read past a row's end or a plane's last row), then through a
-// family that takes views. Conversion either succeeds or throws.
+// family that takes views, and as frames of different strides of one video.
+// Conversion either succeeds or throws.
+#include <algorithm>
 #include <stdexcept>
 #include <vector>
 
 #include "convnext.hpp"
 #include "fuzz_input.hpp"
 #include "pixels.hpp"
+#include "qwen2vl.hpp"
 
 namespace {
 
@@ -44,6 +47,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     expect_runtime_error_or_success([&] { vemoproc::to_rgb(view, rotation); });
     expect_runtime_error_or_success(
         [&] { convnext::ConvNextPreprocessor(8, 0.875f).process(view); });
+    // The same pixels as a second video frame of another stride (packed),
+    // before and after the strided one.
+    if (px.empty() || stride == 0) return 0;
+    std::vector<uint8_t> packed(row * static_cast<size_t>(h));
+    for (size_t y = 0; y < static_cast<size_t>(h); ++y) {
+      std::copy_n(px.data() + y * stride, row, packed.data() + y * row);
+    }
+    const vemoproc::ImageView tight{packed.data(), w, h, 0, format};
+    qwen2vl::Qwen2VLImageProcessor video(in.take<uint8_t>() % 2 == 0, 16, 4096, true, 1.0f / 255.0f,
+                                         true, qwen2vl::kDefaultImageMean,
+                                         qwen2vl::kDefaultImageStd, 2, 2, 2);
+    expect_runtime_error_or_success([&] { video.preprocess_video({view, tight, view}); });
+    expect_runtime_error_or_success([&] { video.preprocess_video({tight, view}); });
     return 0;
   }
   const auto layout = static_cast<vemoproc::YuvLayout>(in.range(0, 2));

@@ -5,6 +5,7 @@
 // and a few malformed headers) and command lines for fuzz_cli_args (one
 // argument per line, a working command of every subcommand).
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -12,6 +13,10 @@
 #include <vector>
 
 #include "stb_image_write.h"
+
+// The writer's deflate, exported by the library with the rest of its C interface.
+extern "C" unsigned char* stbi_zlib_compress(unsigned char* data, int data_len, int* out_len,
+                                             int quality);
 
 namespace fs = std::filesystem;
 using Bytes = std::vector<uint8_t>;
@@ -114,7 +119,8 @@ void npy_seeds(const fs::path& dir) {
   save(dir / "empty.npy", npy(1, dict("<f4", "(0, 6)"), {}));
   save(dir / "fortran.npy", npy(1, dict("<f4", "(2, 3)", true), six));
   save(dir / "wrap.npy", npy(1, dict("<f4", "(4611686018427387904, 84)"), {}));
-  save(dir / "quotes.npy", npy(1, R"({"shape": (2, 3), "fortran_order": False, "descr": "<f4"})", six));
+  save(dir / "quotes.npy",
+       npy(1, R"({"shape": (2, 3), "fortran_order": False, "descr": "<f4"})", six));
   Bytes cut = npy(1, dict("<f4", "(2, 3)"), six);
   cut.resize(cut.size() - 5);
   save(dir / "cut.npy", cut);
@@ -147,6 +153,42 @@ void args_seeds(const fs::path& dir) {
 
 }  // namespace
 
+// CRC-32 (IEEE) of a PNG chunk's type and data.
+unsigned crc32(const Bytes& b) {
+  unsigned c = 0xFFFFFFFFu;
+  for (uint8_t byte : b) {
+    c ^= byte;
+    for (int k = 0; k < 8; ++k) c = (c >> 1) ^ (0xEDB88320u & (0u - (c & 1u)));
+  }
+  return ~c;
+}
+
+void png_chunk(Bytes& png, const char* type, const Bytes& data) {
+  put32be(png, unsigned(data.size()));
+  Bytes body(type, type + 4);
+  body.insert(body.end(), data.begin(), data.end());
+  png.insert(png.end(), body.begin(), body.end());
+  put32be(png, crc32(body));
+}
+
+// An inflate bomb: a 1 x 1 grey PNG whose compressed data inflates to
+// `inflated` bytes (the decoder must stop near the declared size).
+Bytes png_bomb(int inflated) {
+  Bytes png = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A};
+  Bytes ihdr;
+  put32be(ihdr, 1);
+  put32be(ihdr, 1);
+  ihdr.insert(ihdr.end(), {8, 0, 0, 0, 0});
+  png_chunk(png, "IHDR", ihdr);
+  Bytes zeros(size_t(inflated), 0);
+  int size = 0;
+  unsigned char* z = stbi_zlib_compress(zeros.data(), inflated, &size, 8);
+  png_chunk(png, "IDAT", Bytes(z, z + size));
+  std::free(z);
+  png_chunk(png, "IEND", {});
+  return png;
+}
+
 int main(int argc, char** argv) {
   if (argc < 2 || argc > 4) {
     std::fprintf(stderr, "usage: make_corpus IMAGE_DIR [NPY_DIR [CLI_ARGS_DIR]]\n");
@@ -177,6 +219,7 @@ int main(int argc, char** argv) {
   save(dir / "pixel.gif", gif());
   save(dir / "rgb.psd", psd(3, 2));
   save(dir / "rgb.pic", pic(3, 2));
+  save(dir / "bomb.png", png_bomb(16 << 20));
 
   // Damaged variants: cut at a quarter, half and all but one byte; one bit
   // flipped early (header), in the middle and near the end (pixel data).

@@ -120,14 +120,16 @@ VEMOPROC_API Image resize(const ImageView& image, int width, int height, Resampl
 // BGR/BGRA swap to RGB, alpha is dropped (not premultiplied), GRAY is copied
 // to R, G and B. Bytes between a row's end and the stride are never read.
 // Throws std::runtime_error naming the argument for a null buffer, a negative
-// size, a zero-area image, or a stride shorter than a row.
+// size, a zero-area image, a stride shorter than a row, or one so long that
+// the rows would run past the end of the address space ("... is too large").
 VEMOPROC_API Image to_rgb(const ImageView& image, Rotation rotation = Rotation::None);
 
 // Converts a 4:2:0 frame to RGB (BT.601 integer arithmetic: Video range is
 // bit-identical to OpenCV's COLOR_YUV2RGB_NV12/_NV21/_I420), then turns it.
 // Pixel (x, y) takes the chroma sample (x / 2, y / 2). Odd sizes work.
 // Throws std::runtime_error naming the argument for a null plane, a negative
-// or zero-area size, or a stride shorter than its plane's row.
+// or zero-area size, a stride shorter than its plane's row, or one so long
+// that the plane's rows would run past the end of the address space.
 VEMOPROC_API Image to_rgb(const YuvView& frame, Rotation rotation = Rotation::None);
 
 // The decoding budget: every decoder entry point (path or memory) refuses an

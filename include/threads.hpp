@@ -7,6 +7,12 @@
 // Results are bit-identical to one thread. The setting is process-wide and may
 // be changed at any time, from any thread; calls already running keep the
 // number they started with.
+//
+// fork(): the parent keeps its pool. The child (which has only the forking
+// thread) inherits the setting and may call every library function: its
+// first parallel call starts workers of its own, and it exits cleanly
+// (the parent's workers are never joined or used there). Calls that were
+// running on other threads at the fork do not exist in the child.
 #include "vemoproc_export.hpp"
 
 namespace vemoproc {

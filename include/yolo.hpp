@@ -106,7 +106,12 @@ struct Detection {
 // original_shape when a side is 0 (undoing the letterbox would divide by zero).
 // NMS costs about the number of overlapping box pairs, not all pairs (for
 // iou_threshold >= 0; a negative threshold lets disjoint boxes suppress each
-// other, and every pair is tested).
+// other, and every pair is tested). That cost is bounded: when more than 8192
+// rows pass the threshold and NMS takes more than 2^26 steps (box pairs tested
+// plus index nodes visited), it starts again on the 8192 highest scores (equal
+// scores: the earlier row), as PostprocessOptions::max_candidates selects
+// them. Only heads that reach that bound (many boxes crossing each other
+// without suppressing) get a different result; 200,000 separate boxes do not.
 VEMOPROC_API std::vector<Detection> postprocess(const xt::xtensor<float, 2>& predictions,
                                                 const std::array<size_t, 2>& input_shape,
                                                 const std::array<size_t, 2>& original_shape,

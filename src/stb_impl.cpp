@@ -10,7 +10,36 @@
 #endif
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+
+#include "pixels/image_io.hpp"
+
+// The PNG decoder grows its inflate buffer (and the buffer of gathered
+// compressed chunks) with the data, whatever the header declared: a 1 x 1 PNG
+// can inflate to gigabytes. Every growth goes through this hook, which
+// refuses sizes beyond the limit the current decode set from the header.
+namespace {
+thread_local size_t inflate_limit = SIZE_MAX;
+thread_local bool inflate_refused = false;
+}  // namespace
+
+static void* vemoproc_stb_grow(void* p, size_t new_size) {
+  if (new_size > inflate_limit) {
+    inflate_refused = true;
+    return nullptr;
+  }
+  return std::realloc(p, new_size);
+}
+
+namespace vemoproc::detail {
+InflateLimit::InflateLimit(size_t bytes) : saved_(inflate_limit) {
+  inflate_limit = bytes;
+  inflate_refused = false;
+}
+InflateLimit::~InflateLimit() { inflate_limit = saved_; }
+bool InflateLimit::refused() const { return inflate_refused; }
+}  // namespace vemoproc::detail
 
 // A PNG whose first data chunk is empty makes the decoder copy zero bytes into
 // a buffer it has not allocated yet, memcpy(nullptr, src, 0): undefined, and
@@ -20,6 +49,10 @@ static inline void* vemoproc_stb_memcpy(void* dst, const void* src, size_t n) {
   return n == 0 ? dst : std::memcpy(dst, src, n);
 }
 #define memcpy vemoproc_stb_memcpy
+
+#define STBI_MALLOC(size) std::malloc(size)
+#define STBI_FREE(p) std::free(p)
+#define STBI_REALLOC_SIZED(p, old_size, new_size) vemoproc_stb_grow(p, new_size)
 
 #define STB_IMAGE_IMPLEMENTATION
 #include <stb_image.h>

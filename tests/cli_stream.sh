@@ -38,6 +38,13 @@ done
 if "$exe" stream missing.txt 2>err; then fail "missing file accepted"; fi
 grep -q 'no such file: missing.txt' err || fail "missing file message: $(cat err)"
 
+# Each step re-decodes its segment: one id per line stops once the segment has
+# been decoded 2^27 ids over (line 16384); line feeds start new segments.
+awk 'BEGIN { for (i = 1; i <= 20000; ++i) print 97 }' >long.txt
+expect_error "stream: line 16384: the text since the last line feed" stream long.txt
+awk 'BEGIN { for (i = 1; i <= 20000; ++i) print (i % 1000 ? 97 : 10) }' >lines.txt
+"$exe" stream lines.txt >/dev/null || fail "segments ended by line feeds were refused"
+
 # Standard output on a full device: one line naming it, exit status 1.
 expect_stdout_error stream --show-prompt ids.txt
 expect_stdout_error stream --help

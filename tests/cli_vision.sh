@@ -41,6 +41,10 @@ tail -c 600 black.pgm | same z.npy zentil - --raw 30x20:gray --size 4
 
 # Bad input: one error line, exit status 1, no output file.
 expect_error "frame is 27 bytes, got 26" qwen2vl - --raw 5x3:nv12 -o m.npy < <(head -c 26 f.nv21)
+# A raw frame reads only the bytes it needs (and one more) from standard input.
+expect_error "frame is 3 bytes, got more than 3" zentil - --raw 1x1:rgb -o m.npy < <(head -c 1000000 /dev/zero)
+head -c 4 f.nv21 > four.raw
+expect_error "frame is 3 bytes, got 4$" zentil four.raw --raw 1x1:rgb -o m.npy
 expect_error "--raw expects" convnext rgb.raw --raw 64x48:yuv -o m.npy
 expect_error "--raw expects" convnext rgb.raw --raw 64x48:rgb+full -o m.npy
 expect_error "only once" qwen2vl - - -o m.npy < rgb.ppm

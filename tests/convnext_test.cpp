@@ -138,4 +138,18 @@ TEST(ConvNextMatchPython, ArgumentsAndTheRescaleOfThePythonProcessor) {
   EXPECT_EQ(message(1, 1e9f, bicubic), "Failed to resize image");
 }
 
+// A grey or four-channel view is converted to an RGB copy first; that copy is
+// held to the pixel budget like every other intermediate image.
+TEST(ConvNextPreprocessor, TheRgbCopyOfAViewIsHeldToThePixelBudget) {
+  const uint64_t saved = vemoproc::max_image_pixels();
+  vemoproc::set_max_image_pixels(100000);
+  const std::vector<uint8_t> grey(1000 * 1000, 7);
+  const vemoproc::ImageView view{grey.data(), 1000, 1000, 0, vemoproc::PixelFormat::GRAY};
+  EXPECT_THAT(
+      [&] { ConvNextPreprocessor(8, 1.0f).process(view); },
+      ThrowsMessage<std::runtime_error>(testing::HasSubstr("exceed the image pixel budget")));
+  vemoproc::set_max_image_pixels(saved);
+  EXPECT_EQ(ConvNextPreprocessor(8, 1.0f).process(view).shape(1), 8u);
+}
+
 }  // namespace

@@ -396,4 +396,105 @@ TEST(ReferenceResize, KnownValuesAndCopies) {
   EXPECT_EQ(same.rgb, rows);
 }
 
+// CRC-32 (IEEE) of a PNG chunk's type and data.
+uint32_t crc32(const uint8_t* p, size_t n) {
+  uint32_t c = 0xFFFFFFFFu;
+  for (size_t i = 0; i < n; ++i) {
+    c ^= p[i];
+    for (int k = 0; k < 8; ++k) c = (c >> 1) ^ (0xEDB88320u & (0u - (c & 1u)));
+  }
+  return ~c;
+}
+
+void put32(std::vector<uint8_t>& v, uint32_t x) {
+  for (int s = 24; s >= 0; s -= 8) v.push_back(uint8_t(x >> s));
+}
+
+void chunk(std::vector<uint8_t>& png, const char* type, const std::vector<uint8_t>& data) {
+  put32(png, static_cast<uint32_t>(data.size()));
+  std::vector<uint8_t> body(type, type + 4);
+  body.insert(body.end(), data.begin(), data.end());
+  png.insert(png.end(), body.begin(), body.end());
+  put32(png, crc32(body.data(), body.size()));
+}
+
+// A real grey PNG of side x side black pixels: one fixed-Huffman deflate block
+// of a zero literal followed by (length 258, distance 1) repeats, so a
+// 400-megapixel image takes a few megabytes. With `inflated`, the data
+// inflates to that many bytes whatever the side (an inflate bomb).
+std::vector<uint8_t> black_png(uint32_t side, uint64_t inflated = 0) {
+  std::vector<uint8_t> png = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A};
+  std::vector<uint8_t> ihdr;
+  put32(ihdr, side);
+  put32(ihdr, side);
+  ihdr.insert(ihdr.end(), {8, 0, 0, 0, 0});  // 8-bit grey
+  chunk(png, "IHDR", ihdr);
+
+  // A filter byte per row.
+  const uint64_t total = inflated != 0 ? inflated : uint64_t{side} * (side + 1);
+  std::vector<uint8_t> z = {0x78, 0x01};
+  uint64_t bits = 0;
+  int nbits = 0;
+  const auto emit = [&](uint32_t code, int len) {  // Huffman codes go most significant bit first
+    for (int i = len - 1; i >= 0; --i) {
+      bits |= uint64_t((code >> i) & 1u) << nbits;
+      if (++nbits == 8) z.push_back(uint8_t(bits)), bits = 0, nbits = 0;
+    }
+  };
+  emit(1, 1);              // final block (header bits are read least significant first;
+  emit(1, 1), emit(0, 1);  // BTYPE 01 = fixed Huffman, sent as bit 1 then bit 0)
+  emit(0x30, 8);           // literal 0
+  uint64_t left = total - 1;
+  for (; left >= 258; left -= 258) emit(0xC5, 8), emit(0, 5);  // length 258, distance 1
+  for (; left > 0; --left) emit(0x30, 8);
+  emit(0, 7);  // end of block
+  if (nbits > 0) z.push_back(uint8_t(bits));
+  // Adler-32 of all-zero data: a = 1, b = count mod 65521.
+  put32(z, static_cast<uint32_t>(((total % 65521u) << 16) | 1u));
+  chunk(png, "IDAT", z);
+  chunk(png, "IEND", {});
+  return png;
+}
+
+// Strides near SIZE_MAX would wrap the row pointers: refused naming the
+// stride; one row needs no stride at all.
+TEST(ToRgb, StridesThatWrapTheAddressSpaceAreRefused) {
+  uint8_t px[16] = {};
+  const size_t huge = SIZE_MAX - 4;
+  for (const ImageView& v : {ImageView{px, 2, 2, huge, PixelFormat::RGB},
+                             ImageView{px, 1, 3, SIZE_MAX / 2, PixelFormat::GRAY}}) {
+    EXPECT_THAT([&] { vemoproc::to_rgb(v); },
+                testing::ThrowsMessage<std::runtime_error>(HasSubstr("image.stride is too large")));
+  }
+  EXPECT_EQ(vemoproc::to_rgb(ImageView{px, 2, 1, huge, PixelFormat::RGB}).rgb.size(), 6u);
+  const YuvView frames[] = {{px, huge, px, 4, nullptr, 0, 4, 2, YuvLayout::NV12, YuvRange::Video},
+                            {px, 4, px, huge, nullptr, 0, 4, 4, YuvLayout::NV12, YuvRange::Video},
+                            {px, 4, px, 2, px, huge, 4, 4, YuvLayout::I420, YuvRange::Video}};
+  const char* planes[] = {"frame.y_stride", "frame.u_stride", "frame.v_stride"};
+  for (size_t i = 0; i < 3; ++i) {
+    EXPECT_THAT([&] { vemoproc::to_rgb(frames[i]); },
+                testing::ThrowsMessage<std::runtime_error>(HasSubstr(planes[i])));
+  }
+}
+
+// A 1 x 1 PNG whose data inflates to 300 MiB: refused once the inflate
+// buffer outgrows what the header declares, with its own message, in a child
+// whose address space may grow by 128 MiB only.
+TEST(PixelBudget, InflateBombsStopAtTheDeclaredSize) {
+  const std::vector<uint8_t> bomb = black_png(1, uint64_t{300} << 20);
+  EXPECT_EQ(testimg::in_child(
+                [&] {
+                  try {
+                    vemoproc::decode_image(bomb.data(), bomb.size());
+                  } catch (const std::runtime_error& e) {
+                    return std::string(e.what()) ==
+                           "Failed to decode image bytes: compressed data inflates past the "
+                           "declared image size";
+                  }
+                  return false;
+                },
+                128),
+            0);
+}
+
 }  // namespace

@@ -307,4 +307,31 @@ TEST(Qwen2VLMatchPython, SizeRuleOfThePythonProcessor) {
   EXPECT_EQ(out.patches(4919, 0), want);
 }
 
+// Hostile callers: frames of one video at different strides, a four-channel
+// image under do_resize, non-positive frame limits.
+TEST(Qwen2VLVideo, HostileFramesAndLimitsAreReadRightOrRefused) {
+  const Image a = make_image(28, 28, 1), b = make_image(28, 28, 2);
+  // `a` again as a crop of a 3000-byte-wide buffer.
+  std::vector<uint8_t> wide(3000 * 28, 0xEE);
+  for (size_t y = 0; y < 28; ++y) std::copy_n(a.data() + y * 84, 84, wide.data() + y * 3000);
+  const vemoproc::ImageView crop{wide.data(), 28, 28, 3000, vemoproc::PixelFormat::RGB};
+  for (bool resize : {false, true}) {
+    auto p = processor(resize, true, true);
+    expect_same(p.preprocess_video({crop, view_of(b)}),
+                p.preprocess_video({view_of(a), view_of(b)}));
+    expect_same(p.preprocess_video({view_of(b), crop}),
+                p.preprocess_video({view_of(b), view_of(a)}));
+  }
+  auto p = processor(true, true, true);
+  EXPECT_EQ(message_of([&] {
+              p._preprocess_single_image(Image::from_shape({56, 56, 4}));
+            }),
+            "Cannot reshape with incorrect number of elements. Do you mean to resize?");
+  for (auto limits : {std::pair{0, 0}, std::pair{-5, -3}, std::pair{0, 8}}) {
+    EXPECT_EQ(message_of(
+                  [&] { qwen2vl::sample_frame_indices(9, 30, 2, limits.first, limits.second, 2); }),
+              "sample_frame_indices: min_frames must be positive");
+  }
+}
+
 }  // namespace

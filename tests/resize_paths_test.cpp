@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <sys/wait.h>
 #include <filesystem>
 #include <thread>
 
@@ -152,4 +154,24 @@ TEST(Threads, FailuresPropagateLikeAPlainLoop) {
         },
         ThrowsMessage<std::runtime_error>(StartsWith("preprocess_images(): images[1]")));
   }
+}
+
+// fork() after a pooled batch: the child runs a pooled call of its own and
+// leaves through exit() (static destructors included) with status 0; the
+// parent's pool still works.
+TEST(Threads, AForkedChildUsesItsOwnPoolAndExitsCleanly) {
+  vemoproc::set_num_threads(4);
+  const auto batch = [] {
+    std::atomic<size_t> sum{0};
+    vemoproc::detail::parallel_for(64, [&](size_t i) { sum += i; });
+    return sum.load() == 2016;
+  };
+  ASSERT_TRUE(batch());
+  const pid_t pid = fork();
+  if (pid == 0) std::exit(batch() ? 0 : 1);
+  int status = -1;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+  EXPECT_TRUE(batch());
+  vemoproc::set_num_threads(1);
 }

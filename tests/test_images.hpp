@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "pixels.hpp"
@@ -141,6 +143,37 @@ inline std::string write_garbage(const std::string& name) {
   const std::string path = (scratch_dir() / name).string(), text = "this is not an image file";
   write_bytes(path, {text.begin(), text.end()});
   return path;
+}
+
+// Runs `f` in a forked child and returns the child's exit status: 0 when f
+// returned true, 1 when it returned false or threw, -1 when the child died by a
+// signal. With `extra_mib`, the child's address space may grow by only that
+// much past what it holds at the fork (not in sanitizer builds, whose shadow
+// memory rules out an address-space limit).
+inline int in_child(const std::function<bool()>& f, size_t extra_mib = 0) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    (void)extra_mib;
+#else
+    if (extra_mib > 0) {
+      size_t pages = 0;
+      std::ifstream("/proc/self/statm") >> pages;
+      const rlim_t cap = pages * sysconf(_SC_PAGESIZE) + (rlim_t{extra_mib} << 20);
+      const rlimit limit{cap, cap};
+      setrlimit(RLIMIT_AS, &limit);
+    }
+#endif
+    bool ok = false;
+    try {
+      ok = f();
+    } catch (...) {
+    }
+    _exit(ok ? 0 : 1);
+  }
+  int status = 0;
+  if (pid < 0 || waitpid(pid, &status, 0) != pid) return -2;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace testimg

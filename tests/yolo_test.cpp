@@ -768,3 +768,47 @@ TEST(TaskErrors, NameTheArgument) {
   };
   for (const auto& [call, message] : cases) EXPECT_THAT(error_of(call), HasSubstr(message));
 }
+
+// A target over the pixel budget is refused before the batch tensor is
+// allocated (16000 x 16000 would reserve 2.9 GB), in a child that may grow
+// its address space by 512 MiB only.
+TEST(Preprocess, TargetsOverTheBudgetAreRefusedBeforeAllocating) {
+  const uint8_t px[3] = {1, 2, 3};
+  const std::string path = testimg::write(testimg::solid(2, 2, 9, 9, 9), Format::Png, "t.png");
+  const auto refused = [](const std::function<void()>& f) {
+    try {
+      f();
+    } catch (const std::runtime_error& e) {
+      return std::string(e.what()) == "stbir_resize_uint8_linear failed";
+    }
+    return false;
+  };
+  EXPECT_EQ(testimg::in_child(
+                [&] {
+                  return refused([&] {
+                           yolo::preprocess_images({{px, 1, 1, 0, vemoproc::PixelFormat::RGB}},
+                                                   {16000, 16000});
+                         }) &&
+                         refused([&] {
+                           yolo::preprocess({path}, {16000, 16000});
+                         });
+                },
+                512),
+            0);
+}
+
+// The overload without options bounds its NMS: 17000 one-pixel strips that
+// all cross each other (none suppressing another) would test 72 million pairs;
+// past 2^26 steps it starts again on the 8192 best, keeping all of them.
+TEST(Postprocess, CrossingStripsAreBoundedToTheBestCandidates) {
+  std::vector<std::vector<float>> rows;
+  for (int i = 0; i < 17000; ++i) {
+    const float at = float(i / 2) * 0.5f;
+    const float score = 0.9f - float(i) * 1e-5f;  // row i above row i + 1
+    rows.push_back(i % 2 ? head_row(at, 0, at + 1, 5000, {score, 0.0f})
+                         : head_row(0, at, 5000, at + 1, {score, 0.0f}));
+  }
+  const auto dets = yolo::postprocess(head(rows), {5000, 5000}, {5000, 5000}, 0.5f, 0.45f, 20000);
+  ASSERT_EQ(dets.size(), 8192u);
+  EXPECT_FLOAT_EQ(dets.back().score, 0.9f - 8191 * 1e-5f);
+}

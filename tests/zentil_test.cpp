@@ -66,6 +66,23 @@ TEST(ZentilPreprocessor, ViewsSizesAndErrors) {
   vemoproc::set_max_image_pixels(saved);
 }
 
+// The budget is checked before the output tensor is allocated (16000 x 16000
+// would reserve 2.9 GB), in a child that may grow its address space by 512 MiB.
+TEST(ZentilPreprocessor, SizesOverTheBudgetAreRefusedBeforeAllocating) {
+  const uint8_t px[3] = {1, 2, 3};
+  EXPECT_EQ(testimg::in_child(
+                [&] {
+                  try {
+                    ZentilPreprocessor(16000).process({px, 1, 1, 0, vemoproc::PixelFormat::RGB});
+                  } catch (const std::runtime_error& e) {
+                    return std::string(e.what()) == "Failed to resize image";
+                  }
+                  return false;
+                },
+                512),
+            0);
+}
+
 }  // namespace
 
 namespace {

@@ -1,6 +1,10 @@
 #include "cli_images.hpp"
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <charconv>
+#include <cstdint>
 #include <cstdio>
 #include <stdexcept>
 
@@ -8,24 +12,28 @@ namespace cli {
 
 namespace {
 
-std::vector<uint8_t> read_all(std::FILE* f) {
+// Reads to the end, or up to `limit` bytes (a raw frame needs a known count,
+// and standard input may never end).
+std::vector<uint8_t> read_all(std::FILE* f, size_t limit) {
   std::vector<uint8_t> bytes;
   uint8_t chunk[1 << 16];
-  for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, f)) > 0;) {
+  while (bytes.size() < limit) {
+    const size_t n = std::fread(chunk, 1, std::min(sizeof chunk, limit - bytes.size()), f);
+    if (n == 0) break;
     bytes.insert(bytes.end(), chunk, chunk + n);
   }
   return bytes;
 }
 
-std::vector<uint8_t> read_source(const std::string& arg) {
+std::vector<uint8_t> read_source(const std::string& arg, size_t limit = SIZE_MAX) {
   if (arg == "-") {
-    std::vector<uint8_t> bytes = read_all(stdin);
+    std::vector<uint8_t> bytes = read_all(stdin, limit);
     if (std::ferror(stdin)) throw std::runtime_error("cannot read standard input");
     return bytes;
   }
   std::FILE* f = std::fopen(arg.c_str(), "rb");
   if (f == nullptr) throw std::runtime_error("no such file: " + arg);
-  std::vector<uint8_t> bytes = read_all(f);
+  std::vector<uint8_t> bytes = read_all(f, limit);
   const bool failed = std::ferror(f) != 0;
   std::fclose(f);
   if (failed) throw std::runtime_error("cannot read " + arg);
@@ -110,16 +118,25 @@ vemoproc::Image read_image(const std::string& arg, const std::string& raw,
     }
   }
   const RawLayout frame = parse_raw(raw);
-  const std::vector<uint8_t> bytes = read_source(arg);
   const size_t w = static_cast<size_t>(frame.width);
   const size_t h = static_cast<size_t>(frame.height);
   const size_t cw = (w + 1) / 2;
   const size_t ch = (h + 1) / 2;
   const size_t expected =
       frame.yuv ? w * h + 2 * cw * ch : w * h * vemoproc::channels_of(frame.format);
+  // The frame's bytes and one more, to tell a longer input: never more, since
+  // standard input may be endless. A longer regular file reports its size.
+  std::vector<uint8_t> bytes = read_source(arg, expected + 1);
   if (bytes.size() != expected) {
+    struct stat st {};
+    std::string got = std::to_string(bytes.size());
+    if (bytes.size() > expected) {
+      got = arg != "-" && ::stat(arg.c_str(), &st) == 0 && S_ISREG(st.st_mode)
+                ? std::to_string(st.st_size)
+                : "more than " + std::to_string(expected);
+    }
     throw std::runtime_error(name + ": a " + raw + " frame is " + std::to_string(expected) +
-                             " bytes, got " + std::to_string(bytes.size()));
+                             " bytes, got " + got);
   }
   if (!frame.yuv) {
     return vemoproc::to_rgb(

@@ -120,20 +120,38 @@ struct StreamOptions {
   std::string flush_marker;
 };
 
+// Every put decodes its whole segment again (the streamer's rule), so a
+// segment fed one id per line costs the square of its length. The tool stops
+// a segment once its puts have decoded this many ids in all (about a tenth of
+// a second of decoding; 16384 one-id steps reach it).
+constexpr size_t kMaxSegmentDecodeIds = size_t{1} << 27;
+
 // One put per line with ids; a line without ids ends the generation (further
 // empty lines are ignored), as does the end of the input.
 void stream_steps(std::istream& in, TextStreamer& streamer) {
   bool generating = false;
   std::string line;
   size_t line_no = 0;
+  size_t segment_ids = 0;  // ids since the segment began (a put ending in a line feed)
+  size_t decoded_ids = 0;  // ids the segment's puts have decoded so far
   while (std::getline(in, line)) {
     const std::vector<int> ids = parse_step(line, ++line_no);
     if (!ids.empty()) {
+      segment_ids += ids.size();
+      decoded_ids += segment_ids;
+      if (decoded_ids > kMaxSegmentDecodeIds) {
+        throw std::runtime_error("stream: line " + std::to_string(line_no) +
+                                 ": the text since the last line feed has been decoded " +
+                                 std::to_string(kMaxSegmentDecodeIds) +
+                                 " ids over again; give longer steps or line feeds");
+      }
       streamer.put(ids);
       generating = true;
+      if (ids.back() == '\n') segment_ids = decoded_ids = 0;
     } else if (generating) {
       streamer.end();
       generating = false;
+      segment_ids = decoded_ids = 0;
     }
   }
   if (generating) streamer.end();

@@ -60,7 +60,7 @@ py::array_t<T, py::array::c_style> as_array(py::handle obj, const char* name, in
     throw py::value_error(std::string(name) + ": expected " + std::to_string(rank) +
                           " dimensions, got shape " + shape_text(a));
   }
-  return py::array_t<T, py::array::c_style | py::array::forcecast>::ensure(a);
+  return c_array<T>(a);
 }
 
 template py::array_t<float, py::array::c_style> as_array<float>(py::handle, const char*, int);
@@ -85,13 +85,15 @@ vemoproc::ImageView image_view(py::handle obj, const char* name, py::object& kee
                           shape_text(a));
   }
   const py::ssize_t width = a.shape(1);
+  // Checked before any copy: a broadcast array may stand for terabytes.
+  if (a.shape(0) > INT32_MAX || width > INT32_MAX) {
+    throw py::value_error(std::string(name) + ": image sides must fit in 32 bits");
+  }
   // Pixels of a row must be packed; rows may be any distance apart as long as
   // they do not overlap.
   const bool packed_row = (a.ndim() == 2 || a.strides(2) == 1) && a.strides(1) == channels;
   const bool in_place = width <= 1 ? a.ndim() == 2 || a.strides(2) == 1 : packed_row;
-  if (!in_place || a.strides(0) < width * channels) {
-    a = py::array_t<uint8_t, py::array::c_style | py::array::forcecast>::ensure(a);
-  }
+  if (!in_place || a.strides(0) < width * channels) a = c_array<uint8_t>(a);
   keep = a;
   vemoproc::ImageView view{};
   view.data = static_cast<const uint8_t*>(a.data());
@@ -101,9 +103,6 @@ vemoproc::ImageView image_view(py::handle obj, const char* name, py::object& kee
   view.format = channels == 1   ? vemoproc::PixelFormat::GRAY
                 : channels == 3 ? vemoproc::PixelFormat::RGB
                                 : vemoproc::PixelFormat::RGBA;
-  if (a.shape(0) > INT32_MAX || width > INT32_MAX) {
-    throw py::value_error(std::string(name) + ": image sides must fit in 32 bits");
-  }
   return view;
 }
 
@@ -125,8 +124,7 @@ vemoproc::Image with_bytes(py::handle obj, const Decode& decode) {
   py::buffer_info info = py::reinterpret_borrow<py::buffer>(data).request();
   const auto* bytes = static_cast<const uint8_t*>(info.ptr);
   const auto size = static_cast<size_t>(info.size * info.itemsize);
-  py::gil_scoped_release nogil;
-  return decode(bytes, size);
+  return released([&] { return decode(bytes, size); });
 }
 
 }  // namespace

@@ -5,9 +5,14 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <cxxabi.h>
+
 #include <cstddef>
+#include <exception>
 #include <memory>
+#include <optional>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -38,12 +43,47 @@ py::array_t<typename Container::value_type> to_numpy(Container&& c) {
   return to_numpy(std::move(c), std::move(shape));
 }
 
-// Runs `work` (a library call on data already taken from Python) with the GIL
+// Runs `work` (a library call on data already taken from Python: values
+// copied out of mutable objects, never the objects themselves) with the GIL
 // released, so other Python threads run meanwhile, and returns its result.
+// The GIL is taken back outside any destructor: at interpreter exit a daemon
+// thread is ended there by unwinding, which a destructor would turn into
+// std::terminate.
 template <class Work>
 auto released(Work&& work) {
-  py::gil_scoped_release nogil;
-  return work();
+  using Result = decltype(work());
+  std::optional<std::conditional_t<std::is_void_v<Result>, bool, Result>> result;
+  std::exception_ptr error;
+  PyThreadState* state = PyEval_SaveThread();
+  try {
+    if constexpr (std::is_void_v<Result>) {
+      work();
+      result.emplace(true);
+    } else {
+      result.emplace(work());
+    }
+  } catch (abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    error = std::current_exception();
+  }
+  PyEval_RestoreThread(state);
+  if (error) std::rethrow_exception(error);
+  if constexpr (!std::is_void_v<Result>) return std::move(*result);
+}
+
+// A numpy conversion that can fail (an allocation, a cast): `obj` as a
+// C-contiguous array of T, copied only when needed; raises the Python error
+// (MemoryError for an allocation) instead of handing on a null array.
+template <class T>
+py::array_t<T, py::array::c_style> c_array(py::handle obj) {
+  auto& api = py::detail::npy_api::get();
+  PyObject* out = api.PyArray_FromAny_(
+      obj.ptr(), py::dtype::of<T>().release().ptr(), 0, 0,
+      py::detail::npy_api::NPY_ARRAY_ENSUREARRAY_ | py::array::c_style | py::array::forcecast,
+      nullptr);
+  if (out == nullptr) throw py::error_already_set();
+  return py::reinterpret_steal<py::array_t<T, py::array::c_style>>(out);
 }
 
 // An owning image as a uint8 array that owns its pixels: HxWxC (C = 3 for

@@ -173,10 +173,7 @@ element by element. Raises RuntimeError when the shapes differ.)")
             }
             if (!logits.writeable()) throw py::value_error("logits: array is read-only");
             xt::xarray<float> l = to_xarray<float>(logits, "logits");
-            {
-              py::gil_scoped_release nogil;
-              self.maskAudioLogits(l, eos_value);
-            }
+            released([&] { self.maskAudioLogits(l, eos_value); });
             // Back into the caller's array, whatever its strides.
             py::module_::import("numpy").attr("copyto")(logits, to_numpy(std::move(l)));
           },

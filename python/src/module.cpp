@@ -33,10 +33,12 @@ Plane plane(py::handle obj, const char* name, py::object& keep) {
     throw py::value_error(std::string(name) + ": expected a 2-D plane (or rows x cols x 2)");
   }
   const py::ssize_t row_bytes = a.ndim() == 2 ? a.shape(1) : a.shape(1) * 2;
-  const bool packed = a.ndim() == 2 ? a.strides(1) == 1 : a.strides(2) == 1 && a.strides(1) == 2;
-  if (!packed || a.strides(0) < row_bytes) {
-    a = py::array_t<uint8_t, py::array::c_style | py::array::forcecast>::ensure(a);
+  // Checked before any copy: a broadcast plane may stand for terabytes.
+  if (a.shape(0) > INT32_MAX || row_bytes > INT32_MAX) {
+    throw py::value_error(std::string(name) + ": frame sides must fit in 32 bits");
   }
+  const bool packed = a.ndim() == 2 ? a.strides(1) == 1 : a.strides(2) == 1 && a.strides(1) == 2;
+  if (!packed || a.strides(0) < row_bytes) a = c_array<uint8_t>(a);
   keep = a;
   return {static_cast<const uint8_t*>(a.data()),
           static_cast<size_t>(a.shape(0) > 1 ? a.strides(0) : row_bytes), a.shape(0), row_bytes};

@@ -93,16 +93,18 @@ class PyTextStreamer {
   // released before the lock is taken, so a waiting thread never holds the
   // GIL the working thread's callbacks need.
   void put(const std::vector<int>& tokens) {
-    py::gil_scoped_release nogil;
-    std::lock_guard<std::mutex> lock(mutex_);
-    out_.clear();
-    streamer_.put(tokens);
+    released([&] {
+      std::lock_guard<std::mutex> lock(mutex_);
+      out_.clear();
+      streamer_.put(tokens);
+    });
   }
   void end() {
-    py::gil_scoped_release nogil;
-    std::lock_guard<std::mutex> lock(mutex_);
-    out_.clear();
-    streamer_.end();
+    released([&] {
+      std::lock_guard<std::mutex> lock(mutex_);
+      out_.clear();
+      streamer_.end();
+    });
   }
 
  private:
@@ -141,35 +143,41 @@ class PyQueueStreamer {
       : tokenizer_(std::move(tokenizer)), queue_(tokenizer_, skip_prompt, strip_leading_space) {}
 
   void put(const std::vector<int>& tokens) {
-    py::gil_scoped_release nogil;
-    std::lock_guard<std::mutex> lock(producer_);
-    queue_.put(tokens);
+    released([&] {
+      std::lock_guard<std::mutex> lock(producer_);
+      queue_.put(tokens);
+    });
   }
   void end() {
-    py::gil_scoped_release nogil;
-    std::lock_guard<std::mutex> lock(producer_);
-    queue_.end();
+    released([&] {
+      std::lock_guard<std::mutex> lock(producer_);
+      queue_.end();
+    });
   }
   void fail(py::object error) {
     if (!PyExceptionInstance_Check(error.ptr())) {
       throw py::type_error("error: expected an exception instance");
     }
     std::exception_ptr e = std::make_exception_ptr(PyErrorHolder(std::move(error)));
-    py::gil_scoped_release nogil;
-    std::lock_guard<std::mutex> lock(producer_);
-    queue_.fail(e);
+    released([&] {
+      std::lock_guard<std::mutex> lock(producer_);
+      queue_.fail(e);
+    });
   }
   void cancel() { queue_.cancel(); }
 
   // The next piece, None at an end(); waits up to `timeout` seconds (None:
-  // without limit, still answering Ctrl-C).
+  // without limit, still answering Ctrl-C). Longer timeouts (inf included) are
+  // held to 100 years, as in C++, so the clock arithmetic cannot overflow.
   py::object next(std::optional<double> timeout) {
     using std::chrono::milliseconds;
+    constexpr double kMaxSeconds = 100 * 365.25 * 86400;
     const bool bounded = timeout.has_value();
     if (bounded && !(*timeout >= 0)) throw py::value_error("timeout: must be >= 0 seconds");
-    const auto limit = std::chrono::steady_clock::now() +
-                       std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-                           std::chrono::duration<double>(bounded ? *timeout : 0.0));
+    const auto limit =
+        std::chrono::steady_clock::now() +
+        std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+            std::chrono::duration<double>(bounded ? std::min(*timeout, kMaxSeconds) : 0.0));
     for (;;) {
       auto wait = milliseconds(100);
       if (bounded) {
@@ -178,12 +186,12 @@ class PyQueueStreamer {
         wait = std::max(milliseconds(0), std::min(wait, left));
       }
       try {
-        std::optional<std::string> piece;
-        {
-          py::gil_scoped_release nogil;
+        // A daemon thread waiting here at interpreter exit is ended when
+        // it takes the GIL back: released() does that outside a destructor.
+        const std::optional<std::string> piece = released([&] {
           std::lock_guard<std::mutex> lock(consumer_);
-          piece = queue_.next(wait);
-        }
+          return queue_.next(wait);
+        });
         if (!piece) return py::none();
         return utf8_str(*piece);
       } catch (const PyErrorHolder& e) {

@@ -14,10 +14,12 @@ namespace vemoproc_py {
 
 namespace {
 
-// process(x) for a preprocessor with path and view overloads.
+// process(x) for a preprocessor with path and view overloads. The call works
+// on a copy of the settings: other threads may change them meanwhile.
 template <class Preprocessor>
-py::array_t<float> process(Preprocessor& pre, py::handle x, vemoproc::Pipeline pipeline) {
+py::array_t<float> process(Preprocessor& self, py::handle x, vemoproc::Pipeline pipeline) {
   ImageArg arg = image_arg(x, "x", decoder_for(pipeline));
+  Preprocessor pre = self;
   xt::xarray<float> out = released([&] {
     return arg.is_path ? pre.process(arg.path, pipeline) : pre.process(arg.view, pipeline);
   });
@@ -155,15 +157,15 @@ Raises RuntimeError naming the argument for non-positive counts or rates.)");
             qwen2vl::Qwen2VLImageOutput out;
             if (is_path_like(x)) {
               std::string path = path_string(x);
-              py::gil_scoped_release nogil;
-              out = self.preprocess(path, pipeline);
+              qwen2vl::Qwen2VLImageProcessor p = self;  // settings other threads may change
+              out = released([&] { return p.preprocess(path, pipeline); });
             } else {
               // One image or a list of them, each an array or encoded bytes.
               py::object list = py::reinterpret_borrow<py::object>(x);
               if (py::isinstance<py::array>(x) || is_bytes_like(x)) list = py::make_tuple(x);
               ImageBatch batch = image_batch(list, "images", decoder_for(pipeline));
-              py::gil_scoped_release nogil;
-              out = self.preprocess(batch.views, pipeline);
+              qwen2vl::Qwen2VLImageProcessor p = self;
+              out = released([&] { return p.preprocess(batch.views, pipeline); });
             }
             return qwen_output(std::move(out), pipeline);
           },
@@ -185,11 +187,9 @@ ValueError when the patch matrix would not fit in memory.)")
           "preprocess_video",
           [](qwen2vl::Qwen2VLImageProcessor& self, py::handle frames, vemoproc::Pipeline pipeline) {
             ImageBatch batch = image_batch(frames, "frames", decoder_for(pipeline));
-            qwen2vl::Qwen2VLImageOutput out;
-            {
-              py::gil_scoped_release nogil;
-              out = self.preprocess_video(batch.views, pipeline);
-            }
+            qwen2vl::Qwen2VLImageProcessor p = self;  // settings other threads may change
+            qwen2vl::Qwen2VLImageOutput out =
+                released([&] { return p.preprocess_video(batch.views, pipeline); });
             return qwen_output(std::move(out), pipeline);
           },
           py::arg("frames"), py::kw_only(), py::arg("pipeline") = vemoproc::Pipeline::Native,

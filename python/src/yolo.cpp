@@ -1,6 +1,8 @@
 // vemoproc.yolo: letterbox preprocessing, head decoding and drawing.
 #include <array>
+#include <cmath>
 #include <cstring>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -12,6 +14,15 @@ namespace vemoproc_py {
 void bind_yolo_tasks(py::module_& m);
 
 namespace {
+
+// The library's float-to-int rule: truncation, saturating at the int limits,
+// NaN giving 0.
+int saturating_int(float v) {
+  if (std::isnan(v)) return 0;
+  if (v >= 2147483648.0f) return std::numeric_limits<int>::max();
+  if (v < -2147483648.0f) return std::numeric_limits<int>::min();
+  return static_cast<int>(v);
+}
 
 std::vector<std::string> paths_of(py::handle paths) {
   if (is_path_like(paths)) throw py::type_error("paths: expected a list of paths, got one path");
@@ -41,7 +52,7 @@ std::vector<yolo::Detection> detections_of(py::handle obj) {
     if (a.shape(1) != 6) throw py::value_error("detections: expected an [N, 6] array");
     for (py::ssize_t i = 0; i < a.shape(0); ++i) {
       const float* r = a.data(i, 0);
-      out.push_back({r[0], r[1], r[2], r[3], r[4], static_cast<int>(r[5])});
+      out.push_back({r[0], r[1], r[2], r[3], r[4], saturating_int(r[5])});
     }
     return out;
   }
@@ -333,10 +344,7 @@ mapped back and clipped like the geometry form of postprocess.)");
                                     raw.data.data(), py::capsule(raw.data.data(), [](void*) {}));
         py::module_ np = py::module_::import("numpy");
         np.attr("copyto")(packed, image);
-        {
-          py::gil_scoped_release nogil;
-          yolo::draw_detections(raw, dets, class_names, show_score, thickness);
-        }
+        released([&] { yolo::draw_detections(raw, dets, class_names, show_score, thickness); });
         np.attr("copyto")(image, packed);
       },
       py::arg("image"), py::arg("detections"), py::arg("class_names") = std::vector<std::string>{},

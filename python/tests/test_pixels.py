@@ -1,3 +1,6 @@
+import struct
+import zlib
+
 import numpy as np
 import pytest
 
@@ -55,3 +58,35 @@ def test_yuv_planes_buffers_strides_and_enums_reach_the_library():
             ((y,), {}, ValueError, "y: without u")):
         with pytest.raises(error, match=match):
             yuv(*args, **kwargs)
+
+
+def test_copies_too_large_to_make_raise_instead_of_crashing():
+    # Broadcast arrays standing for a petabyte: the copy raises MemoryError;
+    # sides beyond 32 bits raise ValueError before any copy is tried.
+    huge = np.broadcast_to(np.uint8(7), (2**24, 2**24))
+    calls = [
+        (MemoryError, lambda: vemoproc.convnext.ConvNextPreprocessor().process(huge)),
+        (MemoryError, lambda: vemoproc.qwen2vl.Qwen2VLImageProcessor().preprocess_video([huge])),
+        (MemoryError, lambda: vemoproc.yuv_to_rgb(huge, huge, huge, vemoproc.YuvLayout.I420)),
+        (MemoryError, lambda: vemoproc.yolo.postprocess(
+            np.broadcast_to(0.0, (2**24, 2**24)), (640, 640), (640, 640))),
+        (ValueError, lambda: vemoproc.yolo.letterbox(
+            np.broadcast_to(np.uint8(0), (2**40, 1, 3)), (64, 64))),
+        (ValueError, lambda: vemoproc.yuv_to_rgb(np.broadcast_to(np.uint8(0), (2**31, 2)))),
+    ]
+    for error, call in calls:
+        with pytest.raises(error):
+            call()
+
+
+def test_inflate_bombs_are_refused_with_their_message():
+    # A 1 x 1 PNG whose data inflates to 300 MiB.
+    bomb = png_bytes(np.zeros((1, 1), np.uint8))
+    z = zlib.compressobj(9)
+    idat = b"".join(z.compress(bytes(1 << 20)) for _ in range(300)) + z.flush()
+    start = bomb.index(b"IDAT") - 4
+    end = start + 12 + struct.unpack(">I", bomb[start:start + 4])[0]
+    chunk = struct.pack(">I", len(idat)) + b"IDAT" + idat + struct.pack(
+        ">I", zlib.crc32(b"IDAT" + idat))
+    with pytest.raises(RuntimeError, match="inflates past the declared image size"):
+        vemoproc.decode_image(bomb[:start] + chunk + bomb[end:])

@@ -1,5 +1,6 @@
 import os
 import pathlib
+import threading
 
 import numpy as np
 import pytest
@@ -69,3 +70,19 @@ def test_qwen2vl_arrays_bytes_paths_and_videos_match_the_tool(write_png, cli):
 def test_errors_map_to_python_exceptions(call, error, match):
     with pytest.raises(error, match=match):
         call()
+
+
+def test_settings_changed_during_a_call_do_not_reach_it(tmp_path):
+    # The call reads a FIFO, so it is inside the library (GIL released) when
+    # the writer's open returns; the settings changed then must not reach it.
+    fifo = tmp_path / "frame.fifo"
+    os.mkfifo(fifo)
+    p = qwen2vl.Qwen2VLImageProcessor()
+    out = {}
+    worker = threading.Thread(target=lambda: out.update(r=p.preprocess(fifo)))
+    worker.start()
+    with open(fifo, "wb") as w:
+        p.temporal_patch_size, p.merge_size = 1, 1
+        w.write(png_bytes(scene(56, 56)))
+    worker.join()
+    assert out["r"][0].shape == (16, 3 * 2 * 14 * 14)

@@ -3,6 +3,8 @@
 import numpy as np
 import pytest
 
+import vemoproc
+
 from vemoproc import yolo
 from conftest import png_bytes, scene
 
@@ -71,3 +73,17 @@ def test_detections_as_objects_or_arrays_and_drawing_in_place():
 def test_errors_map_to_python_exceptions(call, error, match):
     with pytest.raises(error, match=match):
         call()
+
+
+def test_drawn_class_columns_saturate_and_nan_is_class_0():
+    def drawn(rows_or_list):
+        image = np.zeros((40, 60, 3), np.uint8)
+        yolo.draw_detections(image, rows_or_list, ["person"])
+        return image
+
+    row = [5.0, 15.0, 40.0, 35.0, 0.5]
+    assert np.array_equal(drawn(np.array([row + [np.nan]], np.float32)),
+                          drawn(np.array([row + [0.0]], np.float32)))
+    for value, class_id in ((1e30, 2**31 - 1), (-1e30, -2**31)):
+        assert np.array_equal(drawn(np.array([row + [value]], np.float32)),
+                              drawn([yolo.Detection(*row, class_id)]))

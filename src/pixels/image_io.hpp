@@ -30,6 +30,21 @@ struct DecodedRgb {
 // `reason` (when given) gets a short description.
 DecodedRgb decode_rgb(const uint8_t* bytes, size_t size, std::string* reason = nullptr);
 
+// While alive, the decoder may grow no buffer beyond `bytes` (compressed data
+// inflating past what the header declares is refused); decode_rgb sets it
+// from the header for every decode. Per thread.
+class InflateLimit {
+ public:
+  explicit InflateLimit(size_t bytes);
+  ~InflateLimit();
+  InflateLimit(const InflateLimit&) = delete;
+  InflateLimit& operator=(const InflateLimit&) = delete;
+  bool refused() const;  // whether a growth was refused since construction
+
+ private:
+  size_t saved_;
+};
+
 // read_file + decode_rgb: the path loaders' one way in. Empty on any failure;
 // the caller throws its own message.
 DecodedRgb load_rgb_file(const std::string& path);
@@ -44,7 +59,9 @@ Image orient(Image image, int orientation);
 bool within_pixel_budget(int64_t width, int64_t height);
 
 // RGB pixels for the resizers: a caller's RGB view is borrowed as it is
-// (strided rows, no copy); any other format is converted once.
+// (strided rows, no copy); any other format is converted once, that copy held
+// to the pixel budget ("image view: W x H pixels to convert to RGB exceed the
+// image pixel budget of N").
 class RgbSource {
  public:
   explicit RgbSource(const ImageView& view);  // throws like to_rgb for a bad view

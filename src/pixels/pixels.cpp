@@ -380,10 +380,28 @@ void yuv_row(const uint8_t* yrow, const uint8_t* urow, const uint8_t* vrow, size
   yuv_row_portable(yrow, urow, vrow, step, w, k, dst);
 }
 
-void check_plane(const uint8_t* plane, size_t stride, size_t row_bytes, const char* name) {
+// Whether `rows` rows of `row_bytes` at `stride` from `data` lie within the
+// address space: a stride near SIZE_MAX would wrap the row pointers (no real
+// buffer is that large, but the arithmetic must not wrap).
+bool span_fits(const uint8_t* data, size_t rows, size_t stride, size_t row_bytes) {
+  size_t span = 0;
+  if (__builtin_mul_overflow(rows - 1, stride, &span) ||
+      __builtin_add_overflow(span, row_bytes, &span) ||
+      span > static_cast<size_t>(std::numeric_limits<ptrdiff_t>::max())) {
+    return false;
+  }
+  uintptr_t end = 0;
+  return !__builtin_add_overflow(reinterpret_cast<uintptr_t>(data), span, &end);
+}
+
+void check_plane(const uint8_t* plane, size_t stride, size_t rows, size_t row_bytes,
+                 const char* name) {
   if (plane == nullptr) fail("to_rgb()", (std::string("frame.") + name + " is null").c_str());
   if (stride != 0 && stride < row_bytes) {
     fail("to_rgb()", (std::string("frame.") + name + "_stride is shorter than a row").c_str());
+  }
+  if (!span_fits(plane, rows, stride != 0 ? stride : row_bytes, row_bytes)) {
+    fail("to_rgb()", (std::string("frame.") + name + "_stride is too large").c_str());
   }
 }
 
@@ -474,9 +492,10 @@ Image to_rgb(const YuvView& frame, Rotation rotation) {
   if (frame.range != YuvRange::Video && frame.range != YuvRange::Full) {
     fail("to_rgb()", "frame.range is not a YuvRange value");
   }
-  check_plane(frame.y, frame.y_stride, w, "y");
-  check_plane(frame.u, frame.u_stride, planar ? cw : 2 * cw, "u");
-  if (planar) check_plane(frame.v, frame.v_stride, cw, "v");
+  const size_t ch = (h + 1) / 2;
+  check_plane(frame.y, frame.y_stride, h, w, "y");
+  check_plane(frame.u, frame.u_stride, ch, planar ? cw : 2 * cw, "u");
+  if (planar) check_plane(frame.v, frame.v_stride, ch, cw, "v");
   const size_t y_stride = frame.y_stride != 0 ? frame.y_stride : w;
   const size_t u_stride = frame.u_stride != 0 ? frame.u_stride : (planar ? cw : 2 * cw);
   const size_t v_stride = frame.v_stride != 0 ? frame.v_stride : cw;
@@ -542,10 +561,21 @@ DecodedRgb decode_rgb(const uint8_t* bytes, size_t size, std::string* reason) {
   int comp = 0;
   // The header alone first: an image over the budget is refused before the
   // decoder allocates anything for its pixels.
-  if (info(bytes, size, &w, &h, &comp) != 0 && !within_pixel_budget(w, h)) {
+  const bool info_ok = info(bytes, size, &w, &h, &comp) != 0;
+  if (info_ok && !within_pixel_budget(w, h)) {
     return refuse(std::to_string(w) + " x " + std::to_string(h) +
                   " pixels exceed the image pixel budget of " + std::to_string(max_image_pixels()));
   }
+  // PNG data inflates into a buffer the decoder grows as it goes. A header
+  // declares at most 8 bytes a pixel plus a filter byte a row (16-bit RGBA;
+  // interlacing adds a little); growth beyond four times that, plus twice
+  // the file for the gathered compressed chunks, is refused. Other formats
+  // decode into buffers sized from their header.
+  const uint64_t declared =
+      info_ok ? (uint64_t(w) * 8u + 1u) * uint64_t(h) : 32u * max_image_pixels();
+  const uint64_t growth_limit = 4u * declared + 2u * uint64_t(size) + (uint64_t{1} << 20);
+  const InflateLimit limit(
+      static_cast<size_t>(std::min<uint64_t>(growth_limit, std::numeric_limits<size_t>::max())));
   stbi_uc* pixels = nullptr;
   if (is_pic(bytes, size)) {
     // The PIC decoder converts its buffer to the requested channel count even
@@ -561,6 +591,7 @@ DecodedRgb decode_rgb(const uint8_t* bytes, size_t size, std::string* reason) {
     pixels = load(bytes, size, &w, &h, &comp, 3);
   }
   if (pixels == nullptr) {
+    if (limit.refused()) return refuse("compressed data inflates past the declared image size");
     const char* why = stbi_failure_reason();
     return refuse(why != nullptr ? why : "unknown format");
   }
@@ -584,8 +615,13 @@ void check_view(const ImageView& view, const char* what) {
   if (view.data == nullptr) fail(what, "image.data is null");
   if (view.width <= 0 || view.height <= 0)
     fail(what, "image.width and image.height must be positive");
-  if (view.stride != 0 && view.stride < static_cast<size_t>(view.width) * channels) {
+  const size_t row_bytes = static_cast<size_t>(view.width) * static_cast<size_t>(channels);
+  if (view.stride != 0 && view.stride < row_bytes) {
     fail(what, "image.stride is shorter than a row");
+  }
+  if (!span_fits(view.data, static_cast<size_t>(view.height),
+                 view.stride != 0 ? view.stride : row_bytes, row_bytes)) {
+    fail(what, "image.stride is too large");
   }
 }
 
@@ -597,6 +633,13 @@ RgbSource::RgbSource(const ImageView& view) {
     height_ = view.height;
     stride_ = view.stride != 0 ? view.stride : static_cast<size_t>(view.width) * 3u;
     return;
+  }
+  // The RGB copy is an intermediate image like any other: held to the budget.
+  if (!within_pixel_budget(view.width, view.height)) {
+    fail("image view", (std::to_string(view.width) + " x " + std::to_string(view.height) +
+                        " pixels to convert to RGB exceed the image pixel budget of " +
+                        std::to_string(max_image_pixels()))
+                           .c_str());
   }
   owned_ = to_rgb(view);
   data_ = owned_.rgb.data();

@@ -13,6 +13,8 @@
 #include <thread>
 #include <vector>
 
+#include <pthread.h>
+
 #include "parallel.hpp"
 #include "threads.hpp"
 
@@ -87,9 +89,41 @@ struct Job {
 
 class Pool {
  public:
+  // The process's pool, created on first use. A fork()ed child has only the
+  // forking thread: it leaves its parent's pool untouched (its workers do not
+  // exist there, so it is never joined or used) and makes its own on first use.
   static Pool& instance() {
-    static Pool pool;
-    return pool;
+    // Joins the live pool's workers at exit.
+    static struct Reaper {
+      ~Reaper() { delete live.exchange(nullptr); }
+    } reaper;
+    Pool* pool = live.load();
+    if (pool != nullptr) return *pool;
+    std::lock_guard<std::mutex> lock(creation);
+    // Around fork(): no worker is between two jobs (freeing one, perhaps)
+    // while the child is made, since the pool's lock is held across it.
+    static const int registered = pthread_atfork(
+        [] {
+          creation.lock();
+          if (Pool* p = live.load()) p->mutex_.lock();
+        },
+        [] {
+          if (Pool* p = live.load()) p->mutex_.unlock();
+          creation.unlock();
+        },
+        [] {
+          Pool* parents = live.exchange(nullptr);
+          // Kept reachable, never destroyed or unlocked: its threads belong
+          // to the parent.
+          if (parents != nullptr) {
+            parents->abandoned_ = abandoned;
+            abandoned = parents;
+          }
+          creation.unlock();
+        });
+    (void)registered;
+    if (live.load() == nullptr) live.store(new Pool());
+    return *live.load();
   }
 
   Pool() = default;
@@ -159,7 +193,16 @@ class Pool {
   std::list<std::shared_ptr<Job>> jobs_;
   std::vector<std::thread> workers_;
   bool stopping_ = false;
+  Pool* abandoned_ = nullptr;  // the next pool left behind by an earlier fork()
+
+  static std::atomic<Pool*> live;
+  static std::mutex creation;  // held across fork(), so the child's copy is free
+  static Pool* abandoned;      // pools a fork() left behind in this process
 };
+
+std::atomic<Pool*> Pool::live{nullptr};
+std::mutex Pool::creation;
+Pool* Pool::abandoned = nullptr;
 
 }  // namespace
 

@@ -277,7 +277,9 @@ ImagePlan plan_image(const Qwen2VLImageProcessor& p, const Pixels& image,
                   static_cast<size_t>(w) != plan.width;
     plan.height = static_cast<size_t>(h);
     plan.width = static_cast<size_t>(w);
-    channels = 3;
+    // The resize keeps the channel count: four channels stay four and fail
+    // the reshape below. An empty image resizes to black RGB.
+    if (image.height == 0 || image.width == 0) channels = 3;
   }
   plan.grid_h = plan.height / p.patch_size;
   plan.grid_w = plan.width / p.patch_size;
@@ -321,12 +323,19 @@ ValueTable value_table(const Qwen2VLImageProcessor& p, vemoproc::Pipeline pipeli
   return table;
 }
 
+// One frame as the patch writer reads it: its own row stride, since the
+// frames of a video may be crops of different buffers.
+struct FrameRows {
+  const uint8_t* data;
+  size_t stride;
+  bool operator==(const FrameRows& o) const { return data == o.data && stride == o.stride; }
+};
+
 // Writes one image's rows: blocks of merge_size x merge_size patches in
 // row-major order over the image, patches row-major inside a block; within a
 // row channel, frame, pixel row, pixel column. Returns the end of the rows.
 float* write_patch_rows(const Qwen2VLImageProcessor& p, const ValueTable& table,
-                        const uint8_t* const* frames, size_t stride, const ImagePlan& plan,
-                        float* out) {
+                        const FrameRows* frames, const ImagePlan& plan, float* out) {
   const size_t ps = p.patch_size;
   const size_t m = p.merge_size;
   const size_t depth = p.temporal_patch_size;
@@ -336,8 +345,8 @@ float* write_patch_rows(const Qwen2VLImageProcessor& p, const ValueTable& table,
     // below jumps between image rows, which hardware prefetch does not follow.
     for (size_t t = 0; t < depth; ++t) {
       if (t > 0 && frames[t] == frames[t - 1]) continue;
-      const uint8_t* strip = frames[t] + bh * m * ps * stride;
-      const size_t strip_bytes = m * ps * stride;
+      const uint8_t* strip = frames[t].data + bh * m * ps * frames[t].stride;
+      const size_t strip_bytes = m * ps * frames[t].stride;
       for (size_t off = 0; off < strip_bytes; off += 64) __builtin_prefetch(strip + off);
     }
     for (size_t bw = 0; bw < plan.grid_w / m; ++bw) {
@@ -356,7 +365,7 @@ float* write_patch_rows(const Qwen2VLImageProcessor& p, const ValueTable& table,
               }
               float* dst = out;
               for (size_t py = 0; py < ps; ++py) {
-                const uint8_t* src = frames[t] + (y0 + py) * stride + x0 * 3 + c;
+                const uint8_t* src = frames[t].data + (y0 + py) * frames[t].stride + x0 * 3 + c;
                 for (size_t px = 0; px < ps; ++px) *dst++ = values[src[3 * px]];
               }
             }
@@ -423,10 +432,10 @@ Qwen2VLImageOutput process_images(const Qwen2VLImageProcessor& p, const std::vec
     PlannedPixels resized;
     if (plan.resize) resized = resize_planned(images[i], plan, pipeline);
     // The still image repeated over the temporal depth.
-    const std::vector<const uint8_t*> frames(p.temporal_patch_size,
-                                             plan.resize ? resized.data : images[i].data);
-    write_patch_rows(p, table, frames.data(), plan.resize ? plan.width * 3 : images[i].stride, plan,
-                     result.patches.data() + first_row[i] * row_len);
+    const FrameRows frame = plan.resize ? FrameRows{resized.data, plan.width * 3}
+                                        : FrameRows{images[i].data, images[i].stride};
+    const std::vector<FrameRows> frames(p.temporal_patch_size, frame);
+    write_patch_rows(p, table, frames.data(), plan, result.patches.data() + first_row[i] * row_len);
     // grid_t: the tiled depth divided by temporal_patch_size, always 1.
     result.grid_thw(i, 0) = 1;
     result.grid_thw(i, 1) = plan.grid_h;
@@ -455,22 +464,24 @@ Qwen2VLImageOutput process_video(const Qwen2VLImageProcessor& p, const std::vect
   checked_mul(rows, row_len);
 
   std::vector<PlannedPixels> resized(plan.resize ? frames.size() : 0);
-  std::vector<const uint8_t*> pixels(groups * depth);
+  // Each frame keeps its own stride: a crop of a wide buffer and a packed
+  // frame may follow each other.
+  std::vector<FrameRows> pixels(groups * depth);
   for (size_t i = 0; i < pixels.size(); ++i) {
     const size_t f = std::min(i, frames.size() - 1);  // padding repeats the last frame
     if (plan.resize && resized[f].data == nullptr) {
       resized[f] = resize_planned(frames[f], plan, pipeline);
     }
-    pixels[i] = plan.resize ? resized[f].data : frames[f].data;
+    pixels[i] = plan.resize ? FrameRows{resized[f].data, plan.width * 3}
+                            : FrameRows{frames[f].data, frames[f].stride};
   }
-  const size_t stride = plan.resize ? plan.width * 3 : frames[0].stride;
 
   Qwen2VLImageOutput result;
   result.patches = xt::xarray<float>::from_shape({rows, row_len});
   const ValueTable table = value_table(p, pipeline);
   float* out = result.patches.data();
   for (size_t g = 0; g < groups; ++g) {
-    out = write_patch_rows(p, table, pixels.data() + g * depth, stride, plan, out);
+    out = write_patch_rows(p, table, pixels.data() + g * depth, plan, out);
   }
   result.grid_thw = xt::xarray<size_t>{{groups, plan.grid_h, plan.grid_w}};
   return result;
@@ -491,6 +502,7 @@ std::vector<int> sample_frame_indices(int total_frames, float video_fps, float t
   if (min_frames > max_frames) {
     throw std::runtime_error("sample_frame_indices: min_frames must not exceed max_frames");
   }
+  if (min_frames < 1) throw std::runtime_error("sample_frame_indices: min_frames must be positive");
   const float wanted = static_cast<float>(total_frames) / video_fps * target_fps;
   int n = saturating_int(wanted);
   n = std::min(std::max(n, min_frames), std::min(max_frames, total_frames));

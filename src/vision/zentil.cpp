@@ -29,13 +29,14 @@ void check_size(int size) {
 // clamped edges) -> normalise.
 xt::xarray<float> preprocess(const ZentilPreprocessor& p, const vemoproc::detail::RgbSource& rgb) {
   const size_t side = static_cast<size_t>(p.size);
-  auto out = xt::xarray<float>::from_shape({1, 3, side, side});
-  // The resampler refuses an empty output; size 0 simply gives an empty tensor.
-  if (side == 0) return out;
-  // The stretched image is held to the same pixel budget as decoding.
+  // The stretched image is held to the same pixel budget as decoding, before
+  // anything is allocated for it.
   if (!vemoproc::detail::within_pixel_budget(p.size, p.size)) {
     throw std::runtime_error("Failed to resize image");
   }
+  auto out = xt::xarray<float>::from_shape({1, 3, side, side});
+  // The resampler refuses an empty output; size 0 simply gives an empty tensor.
+  if (side == 0) return out;
 
   // Rows padded to a multiple of 4 bytes: the resampler stores four bytes at
   // a time as one int.

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <limits>
 #include <map>
 #include <numeric>
@@ -69,14 +70,22 @@ class AllLaterBoxes {
 // is kept (up to max_det). A kept row -- and, with `fast`, a suppressed row
 // too (Fast-NMS: every earlier row votes) -- suppresses each candidate b that
 // `neighbours` offers and `suppresses(a, b)` accepts. Returns the kept rows
-// in order.
+// in order. Gives up, returning nothing and setting *exhausted, once its
+// steps (rows walked plus pairs offered) pass work_limit.
 template <class Neighbours, class Suppresses>
 std::vector<size_t> greedy_nms(const float* rows, size_t m, size_t max_det, bool fast,
-                               Neighbours& neighbours, Suppresses&& suppresses) {
+                               Neighbours& neighbours, Suppresses&& suppresses,
+                               uint64_t work_limit = std::numeric_limits<uint64_t>::max(),
+                               bool* exhausted = nullptr) {
   const std::vector<size_t> order = score_order(rows, m);
   std::vector<char> suppressed(m, 0);
   std::vector<size_t> keep;
+  uint64_t work = 0;
   for (size_t p = 0; p < m; ++p) {
+    if (++work > work_limit) {
+      *exhausted = true;
+      return {};
+    }
     const size_t a = order[p];
     if (!suppressed[a]) {
       keep.push_back(a);
@@ -87,6 +96,7 @@ std::vector<size_t> greedy_nms(const float* rows, size_t m, size_t max_det, bool
     neighbours.remove(a);
     if (!neighbours.indexed(a)) continue;
     neighbours.for_each_candidate(a, order, p, suppressed, [&](size_t b) {
+      ++work;
       if (suppresses(a, b)) {
         suppressed[b] = 1;
         neighbours.remove(b);
@@ -257,8 +267,9 @@ inline bool iou_above(const float* ra, float area_a, const float* rb, float iou_
 
 // Axis-aligned NMS over an [M, 6] table: the kept rows, best first. Boxes of
 // different classes never suppress each other unless agnostic.
-inline std::vector<size_t> nms_boxes(const float* rows, size_t m, float iou_threshold,
-                                     size_t max_det, bool agnostic) {
+inline std::vector<size_t> nms_boxes(
+    const float* rows, size_t m, float iou_threshold, size_t max_det, bool agnostic,
+    uint64_t work_limit = std::numeric_limits<uint64_t>::max(), bool* exhausted = nullptr) {
   const auto suppresses = [rows, iou_threshold](size_t a, size_t b) {
     const float* ra = rows + a * kCols;
     return iou_above(ra, area_of(ra), rows + b * kCols, iou_threshold);
@@ -267,10 +278,10 @@ inline std::vector<size_t> nms_boxes(const float* rows, size_t m, float iou_thre
     // IoU 0 is above a negative threshold: disjoint boxes suppress each other
     // too, so every later pair is tested.
     AllLaterBoxes all(rows, m, agnostic);
-    return greedy_nms(rows, m, max_det, false, all, suppresses);
+    return greedy_nms(rows, m, max_det, false, all, suppresses, work_limit, exhausted);
   }
   OverlapIndex index(rows, m, agnostic);
-  return greedy_nms(rows, m, max_det, false, index, suppresses);
+  return greedy_nms(rows, m, max_det, false, index, suppresses, work_limit, exhausted);
 }
 
 }  // namespace yolo::internal

@@ -202,6 +202,15 @@ RawImage letterbox(const RawImage& image, const std::array<int, 2>& new_shape,
 
 xt::xtensor<float, 4> preprocess(const std::vector<std::string>& paths,
                                  const std::array<int, 2>& new_shape) {
+  // A target over the budget fails the first image, with its message, before
+  // the batch is allocated (the loop would throw the same at image 0).
+  if (!paths.empty() && new_shape[0] >= 0 && new_shape[1] >= 0 &&
+      !vemoproc::detail::within_pixel_budget(new_shape[0], new_shape[1])) {
+    if (!vemoproc::detail::load_rgb_file(paths[0])) {
+      throw std::runtime_error("stbi_load failed for: " + paths[0]);
+    }
+    throw resize_failed();
+  }
   xt::xtensor<float, 4> batch = batch_tensor(paths.size(), new_shape, "preprocess()");
   const size_t W = batch.shape(3);
   const size_t H = batch.shape(2);
@@ -218,6 +227,14 @@ xt::xtensor<float, 4> preprocess(const std::vector<std::string>& paths,
 
 DetectionBatch preprocess_images(const std::vector<vemoproc::ImageView>& images,
                                  const std::array<int, 2>& new_shape) {
+  // A target over the budget fails the first image, with its message, before
+  // the batch is allocated (the loop would throw the same at image 0).
+  if (!images.empty() && new_shape[0] >= 0 && new_shape[1] >= 0 &&
+      !vemoproc::detail::within_pixel_budget(new_shape[0], new_shape[1])) {
+    vemoproc::detail::check_view(images[0], "preprocess_images(): images[0]");
+    const vemoproc::detail::RgbSource first(images[0]);
+    throw resize_failed();
+  }
   DetectionBatch out;
   out.tensor = batch_tensor(images.size(), new_shape, "preprocess_images()");
   out.letterbox.resize(images.size());
@@ -247,6 +264,15 @@ using internal::Candidates;
 using internal::HeadView;
 using internal::kCols;
 using internal::Mapping;
+
+// The overload without options has no candidate cap, and NMS may test every
+// overlapping pair (boxes that all cross each other but suppress none). Its
+// NMS is bounded instead: past kNmsWorkLimit steps (kept boxes plus pairs
+// tested) on more than kCappedCandidates candidates, it starts again on the
+// kCappedCandidates highest scores, as max_candidates selects them. Results
+// change only for heads that hit the limit.
+constexpr uint64_t kNmsWorkLimit = uint64_t{1} << 26;
+constexpr size_t kCappedCandidates = 8192;
 
 // Selection, NMS and mapping for one image of the geometry overloads.
 std::vector<Detection> detect(const HeadView& head, const LetterboxInfo& letterbox,
@@ -281,12 +307,22 @@ std::vector<Detection> postprocess(const xt::xtensor<float, 2>& predictions,
   // Best class and confidence filter in one pass over the head; only rows that
   // pass the filter get their box converted, in index order.
   const std::vector<int> all_classes;
-  const Candidates found = internal::select_candidates(
-      HeadView{predictions.data(), n, c, false},
-      {conf_threshold, false, all_classes, std::numeric_limits<size_t>::max()});
+  const HeadView view{predictions.data(), n, c, false};
+  Candidates found = internal::select_candidates(
+      view, {conf_threshold, false, all_classes, std::numeric_limits<size_t>::max()});
   if (found.size() == 0) return {};
-  const std::vector<size_t> keep =
-      internal::nms_boxes(found.table.data(), found.size(), iou_threshold, max_det, false);
+  // Bounded NMS (see kNmsWorkLimit): a head that exhausts it starts again on
+  // its best kCappedCandidates candidates.
+  bool exhausted = false;
+  const bool bounded = found.size() > kCappedCandidates;
+  std::vector<size_t> keep =
+      internal::nms_boxes(found.table.data(), found.size(), iou_threshold, max_det, false,
+                          bounded ? kNmsWorkLimit : std::numeric_limits<uint64_t>::max(), &exhausted);
+  if (exhausted) {
+    found = internal::select_candidates(view,
+                                        {conf_threshold, false, all_classes, kCappedCandidates});
+    keep = internal::nms_boxes(found.table.data(), found.size(), iou_threshold, max_det, false);
+  }
 
   // Undo the letterbox with the exact float gain and half the float padding
   // minus 0.1, then clip to the original image.
