@@ -80,7 +80,7 @@ def test_queue_streamer_iterates_across_threads():
 
 
 def test_huge_timeouts_wait_and_a_daemon_consumer_does_not_abort_the_exit():
-    q = vemoproc.QueueStreamer(Words(), skip_prompt=False)
+    q = vemoproc.QueueStreamer(words, skip_prompt=False)
     producer = threading.Timer(0.2, lambda: (q.put([0]), q.end()))
     producer.start()
     for timeout in (float("inf"), 1e300, 1e10):
