@@ -1,7 +1,5 @@
 import faulthandler
 import os
-import subprocess
-import sys
 import threading
 
 import numpy as np
@@ -44,21 +42,3 @@ def test_thread_setting_gives_identical_results():
             vemoproc.set_num_threads(vemoproc.MAX_THREADS + 1)
     finally:
         vemoproc.set_num_threads(1)
-
-
-def test_a_forked_child_calls_the_library_and_exits_cleanly():
-    # After a batch on four threads, a child forked from this process runs a
-    # batch of its own and leaves through the normal interpreter exit.
-    script = """
-import os, numpy as np, vemoproc
-vemoproc.set_num_threads(4)
-batch = lambda: vemoproc.yolo.preprocess_images([np.zeros((40, 60, 3), np.uint8)] * 4, (64, 64))
-batch()
-pid = os.fork()
-if pid == 0:
-    batch()
-else:
-    raise SystemExit(os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]) or 0)
-"""
-    done = subprocess.run([sys.executable, "-c", script], capture_output=True, timeout=60)
-    assert (done.returncode, done.stderr) == (0, b"")
