@@ -637,8 +637,9 @@ TEST(OrientedBoxes, FastNmsClassesRegularisationAndMapping) {
   EXPECT_EQ(yolo::postprocess_obb(head, same_size(640), o).size(), 1u);
 
   // Centre through the letterbox inverse, sides divided by the scale; the
-  // corners of an unturned box are its axis-aligned corners.
-  const xt::xtensor<float, 2> rows = {{320, 330, 64, 32, 0.9f, 3, 0}};
+  // corners of an unturned box are its axis-aligned corners. A row scoring
+  // exactly the threshold (0.25) is dropped.
+  const xt::xtensor<float, 2> rows = {{320, 330, 64, 32, 0.9f, 3, 0}, {8, 8, 4, 4, 0.25f, 1, 0}};
   const yolo::LetterboxInfo g = yolo::letterbox_info(1280, 960, {640, 640});  // scale 0.5, top 80
   const auto mapped = yolo::postprocess_obb_end2end(rows, g, yolo::PostprocessOptions{});
   ASSERT_EQ(mapped.size(), 1u);
