@@ -322,14 +322,18 @@ TEST(ReferenceDecode, TurnsJpegsUprightAndRefusesBadInput) {
       {{}, "Failed to decode image bytes: no bytes"},
       {{0xFF, 0xD8, 0xFF, 0xE0, 'j', 'u', 'n', 'k'},
        "Failed to decode image bytes: JPEG datastream contains no image"},
-      // Refused from the header: the pixels would take 1.2 GB.
-      {with_frame_size(plain, 20000, 20000),
-       "Failed to decode image bytes: 20000 x 20000 pixels exceed the image pixel budget of "
-       "178956970"},
+      // Refused from the header, under a budget of 10 megapixels (sides
+      // within every build's side cap).
+      {with_frame_size(plain, 4000, 3000),
+       "Failed to decode image bytes: 4000 x 3000 pixels exceed the image pixel budget of "
+       "10000000"},
   };
+  const uint64_t saved = vemoproc::max_image_pixels();
+  vemoproc::set_max_image_pixels(10000000);
   for (const auto& b : bad)
     EXPECT_THAT([&] { vemoproc::decode_image(b.bytes.data(), b.bytes.size(), Decoder::Reference); },
                 testing::ThrowsMessage<std::runtime_error>(testing::StrEq(b.message)));
+  vemoproc::set_max_image_pixels(saved);
   EXPECT_THAT([] { vemoproc::decode_image_file("/nonexistent/a.jpg", Decoder::Reference); },
               testing::ThrowsMessage<std::runtime_error>(
                   testing::StrEq("Failed to load image: /nonexistent/a.jpg")));

@@ -160,6 +160,9 @@ TEST(Threads, FailuresPropagateLikeAPlainLoop) {
 // leaves through exit() (static destructors included) with status 0; the
 // parent's pool still works.
 TEST(Threads, AForkedChildUsesItsOwnPoolAndExitsCleanly) {
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "ThreadSanitizer does not support threads started after a multi-threaded fork";
+#endif
   vemoproc::set_num_threads(4);
   const auto batch = [] {
     std::atomic<size_t> sum{0};
