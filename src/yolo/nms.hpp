@@ -33,7 +33,7 @@ inline std::vector<size_t> score_order(const float* rows, size_t m) {
 class AllLaterBoxes {
  public:
   AllLaterBoxes(const float* rows, size_t m, bool agnostic)
-      : agnostic_(agnostic), class_(m), list_(m), position_(m) {
+      : class_(m), list_(m), position_(m) {
     for (size_t i = 0; i < m; ++i) class_[i] = agnostic ? 0 : saturating_int(rows[i * kCols + 5]);
   }
 
@@ -59,7 +59,6 @@ class AllLaterBoxes {
   }
 
  private:
-  bool agnostic_;
   std::vector<int> class_;
   std::vector<size_t> list_;      // per box: its class's list
   std::vector<size_t> position_;  // per box: its place in that list
