@@ -723,7 +723,12 @@ TEST(Digests, Yolo) {
 TEST(Digests, Vision) { check_family("vision", vision_family); }
 TEST(Digests, Dia) { check_family("dia", dia_family); }
 TEST(Digests, Streamer) { check_family("streamer", streamer_family); }
-TEST(Digests, Reference) { check_family("reference", reference_family); }
+TEST(Digests, Reference) {
+#if defined(VEMOPROC_TEST_EMULATED)
+  GTEST_SKIP() << "does not finish under the emulator yet (see Digests.Yolo)";
+#endif
+  check_family("reference", reference_family);
+}
 
 namespace {
 
@@ -796,4 +801,9 @@ void match_python_family(Recorder& r) {
 
 }  // namespace
 
-TEST(Digests, MatchPython) { check_family("match_python", match_python_family); }
+TEST(Digests, MatchPython) {
+#if defined(VEMOPROC_TEST_EMULATED)
+  GTEST_SKIP() << "does not finish under the emulator yet (see Digests.Yolo)";
+#endif
+  check_family("match_python", match_python_family);
+}
