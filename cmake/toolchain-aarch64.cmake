@@ -8,7 +8,13 @@ set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
 set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
 
 set(VEMOPROC_AARCH64_SYSROOT /usr/aarch64-linux-gnu)
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64-static -L ${VEMOPROC_AARCH64_SYSROOT})
+# The loader comes from the sysroot (-L); the C library must come from there
+# too. Multiarch arm64 packages (libjpeg's) bring Debian's own arm64 C library
+# into /lib/aarch64-linux-gnu, which the loader searches first; a C library of
+# another build than the loader hangs on the first new thread. So the
+# sysroot's lib folder is searched before the system folders.
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64-static -L ${VEMOPROC_AARCH64_SYSROOT}
+  -E LD_LIBRARY_PATH=${VEMOPROC_AARCH64_SYSROOT}/lib)
 
 # Libraries come from the arm64 sysroot (and prefixes passed in
 # CMAKE_PREFIX_PATH, e.g. a cross-built GoogleTest); programs from the host.

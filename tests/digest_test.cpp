@@ -712,21 +712,12 @@ void check_family(const std::string& family, void (*run)(Recorder&)) {
 
 TEST(Digests, Images) { check_family("image", image_family); }
 TEST(Digests, Yolo) {
-#if defined(VEMOPROC_TEST_EMULATED)
-  // Open problem: under the aarch64 emulator this family has not finished in
-  // 15 minutes (0.7 s natively), while yolo_test passes there; skipped there
-  // until it is understood.
-  GTEST_SKIP() << "does not finish under the emulator yet";
-#endif
   check_family("yolo", yolo_family);
 }
 TEST(Digests, Vision) { check_family("vision", vision_family); }
 TEST(Digests, Dia) { check_family("dia", dia_family); }
 TEST(Digests, Streamer) { check_family("streamer", streamer_family); }
 TEST(Digests, Reference) {
-#if defined(VEMOPROC_TEST_EMULATED)
-  GTEST_SKIP() << "does not finish under the emulator yet (see Digests.Yolo)";
-#endif
   check_family("reference", reference_family);
 }
 
@@ -802,8 +793,5 @@ void match_python_family(Recorder& r) {
 }  // namespace
 
 TEST(Digests, MatchPython) {
-#if defined(VEMOPROC_TEST_EMULATED)
-  GTEST_SKIP() << "does not finish under the emulator yet (see Digests.Yolo)";
-#endif
   check_family("match_python", match_python_family);
 }

@@ -152,15 +152,6 @@ inline std::string write_garbage(const std::string& name) {
 // memory rules out an address-space limit, nor under a user-mode emulator,
 // whose own reservations the limit would starve).
 inline int in_child(const std::function<bool()>& f, size_t extra_mib = 0) {
-#if defined(VEMOPROC_TEST_EMULATED)
-  // Under the emulator the check runs in process, without the limit.
-  (void)extra_mib;
-  try {
-    return f() ? 0 : 1;
-  } catch (...) {
-    return 1;
-  }
-#endif
   const pid_t pid = fork();
   if (pid == 0) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(VEMOPROC_TEST_EMULATED)
