@@ -14,6 +14,7 @@
 
 #include "npy.hpp"
 #include "pixels.hpp"
+#include "stb_image_write.h"
 
 namespace cli {
 
@@ -55,6 +56,18 @@ void write_file(const std::string& path, const std::string& bytes) {
     throw failed(err);
   }
   if (std::fclose(f) != 0) throw failed(errno);
+}
+
+void write_png(const std::string& path, const uint8_t* pixels, int w, int h, int channels) {
+  std::string bytes;
+  const auto append = [](void* context, void* data, int size) {
+    static_cast<std::string*>(context)->append(static_cast<const char*>(data),
+                                               static_cast<size_t>(size));
+  };
+  if (!stbi_write_png_to_func(append, &bytes, w, h, channels, pixels, w * channels)) {
+    throw std::runtime_error("cannot write " + path + ": PNG encoding failed");
+  }
+  write_file(path, bytes);
 }
 
 xt::xarray<float> load_npy_as_float(const std::string& path) {
@@ -100,8 +113,9 @@ CLI::Validator finite_float(double lo, double hi) {
         errno = 0;
         char* end = nullptr;
         const double v = text.empty() ? 0.0 : std::strtod(text.c_str(), &end);
-        if (text.empty() || end != text.c_str() + text.size() || std::isspace(
-            static_cast<unsigned char>(text[0])) || !std::isfinite(v) || v < lo || v > hi) {
+        if (text.empty() || end != text.c_str() + text.size() ||
+            std::isspace(static_cast<unsigned char>(text[0])) || !std::isfinite(v) || v < lo ||
+            v > hi) {
           std::ostringstream range;
           range << " from " << lo << " to " << hi;
           const bool whole_range = lo <= -3.4e38 && hi >= 3.4e38;

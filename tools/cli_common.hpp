@@ -25,6 +25,10 @@ void require_file(const std::string& path);
 // one-line std::runtime_error "cannot write PATH: REASON".
 void write_file(const std::string& path, const std::string& bytes);
 
+// Encodes `channels`-byte pixels (rows of w * channels bytes) as PNG in memory,
+// then writes through write_file (stb's own file writer ignores failed writes).
+void write_png(const std::string& path, const uint8_t* pixels, int w, int h, int channels);
+
 // Writes a tensor as .npy with xtensor's own writer (into memory, then
 // write_file); throws when the file cannot be written.
 template <class E>

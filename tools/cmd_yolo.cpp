@@ -17,7 +17,6 @@
 #include "cli_images.hpp"
 #include "cmd_yolo_tasks.hpp"
 #include "stb_image_resize2.h"
-#include "stb_image_write.h"
 #include "yolo.hpp"
 #include "yolo_tasks.hpp"
 
@@ -42,19 +41,8 @@ std::vector<std::string> read_names(const std::string& path) {
   return names;
 }
 
-// Encodes in memory, then writes through the checked writer (stb's own file
-// writer ignores failed writes).
 void write_png(const yolo::RawImage& image, const std::string& path) {
-  std::string bytes;
-  const auto append = [](void* context, void* data, int size) {
-    static_cast<std::string*>(context)->append(static_cast<const char*>(data),
-                                               static_cast<size_t>(size));
-  };
-  if (!stbi_write_png_to_func(append, &bytes, image.width, image.height, 3, image.data.data(),
-                              image.width * 3)) {
-    throw std::runtime_error("cannot write " + path + ": PNG encoding failed");
-  }
-  cli::write_file(path, bytes);
+  cli::write_png(path, image.data.data(), image.width, image.height, 3);
 }
 
 void print_detections(const std::vector<yolo::Detection>& dets,

@@ -11,7 +11,6 @@
 #include <xtensor/xview.hpp>
 
 #include "cli_common.hpp"
-#include "stb_image_write.h"
 #include "yolo_tasks.hpp"
 
 namespace yolo_cli {
@@ -74,30 +73,12 @@ xt::xtensor<float, 3> load_protos(const std::string& path) {
 void write_mask_png(const xt::xtensor<uint8_t, 2>& mask, const std::string& path) {
   std::vector<uint8_t> grey(mask.size());
   for (size_t i = 0; i < grey.size(); ++i) grey[i] = mask.data()[i] ? 255 : 0;
-  std::string bytes;
-  const auto append = [](void* context, void* data, int size) {
-    static_cast<std::string*>(context)->append(static_cast<const char*>(data),
-                                               static_cast<size_t>(size));
-  };
-  const int w = static_cast<int>(mask.shape(1));
-  const int h = static_cast<int>(mask.shape(0));
-  if (!stbi_write_png_to_func(append, &bytes, w, h, 1, grey.data(), w)) {
-    throw std::runtime_error("cannot write " + path + ": PNG encoding failed");
-  }
-  cli::write_file(path, bytes);
+  cli::write_png(path, grey.data(), static_cast<int>(mask.shape(1)),
+                 static_cast<int>(mask.shape(0)), 1);
 }
 
 void write_png(const yolo::RawImage& image, const std::string& path) {
-  std::string bytes;
-  const auto append = [](void* context, void* data, int size) {
-    static_cast<std::string*>(context)->append(static_cast<const char*>(data),
-                                               static_cast<size_t>(size));
-  };
-  if (!stbi_write_png_to_func(append, &bytes, image.width, image.height, 3, image.data.data(),
-                              image.width * 3)) {
-    throw std::runtime_error("cannot write " + path + ": PNG encoding failed");
-  }
-  cli::write_file(path, bytes);
+  cli::write_png(path, image.data.data(), image.width, image.height, 3);
 }
 
 void print_text_box(const yolo::Detection& d, const std::vector<std::string>& names) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "common.hpp"
+#include "yolo_options.hpp"
 #include "yolo.hpp"
 
 namespace vemoproc_py {
@@ -63,23 +64,6 @@ std::vector<yolo::Detection> detections_of(py::handle obj) {
     out.push_back(d.cast<yolo::Detection>());
   }
   return out;
-}
-
-yolo::PostprocessOptions options_of(float conf_threshold, float iou_threshold, size_t max_det,
-                                    bool agnostic, bool channels_first, bool objectness,
-                                    std::vector<int> classes, size_t max_candidates,
-                                    vemoproc::Pipeline box_mapping) {
-  yolo::PostprocessOptions o;
-  o.conf_threshold = conf_threshold;
-  o.iou_threshold = iou_threshold;
-  o.max_det = max_det;
-  o.agnostic = agnostic;
-  o.channels_first = channels_first;
-  o.objectness = objectness;
-  o.classes = std::move(classes);
-  o.max_candidates = max_candidates;
-  o.box_mapping = box_mapping;
-  return o;
 }
 
 py::object detections_result(std::vector<yolo::Detection>&& dets, bool as_array) {

@@ -5,26 +5,12 @@
 #include <vector>
 
 #include "common.hpp"
+#include "yolo_options.hpp"
 #include "yolo_tasks.hpp"
 
 namespace vemoproc_py {
 
 namespace {
-
-yolo::PostprocessOptions task_options(float conf_threshold, float iou_threshold, size_t max_det,
-                                      bool agnostic, bool channels_first, bool objectness,
-                                      std::vector<int> classes, size_t max_candidates) {
-  yolo::PostprocessOptions o;
-  o.conf_threshold = conf_threshold;
-  o.iou_threshold = iou_threshold;
-  o.max_det = max_det;
-  o.agnostic = agnostic;
-  o.channels_first = channels_first;
-  o.objectness = objectness;
-  o.classes = std::move(classes);
-  o.max_candidates = max_candidates;
-  return o;
-}
 
 #define VEMOPROC_PY_TASK_ARGS                                                                  \
   py::kw_only(), py::arg("conf_threshold") = 0.25f, py::arg_v("iou_threshold", 0.45f, "0.45"), \
@@ -36,9 +22,9 @@ yolo::PostprocessOptions task_options(float conf_threshold, float iou_threshold,
   float conf_threshold, float iou_threshold, size_t max_det, bool agnostic, bool channels_first, \
       bool objectness, std::vector<int> classes, size_t max_candidates
 
-#define VEMOPROC_PY_TASK_OPTIONS                                                             \
-  task_options(conf_threshold, iou_threshold, max_det, agnostic, channels_first, objectness, \
-               std::move(classes), max_candidates)
+#define VEMOPROC_PY_TASK_OPTIONS                                                           \
+  options_of(conf_threshold, iou_threshold, max_det, agnostic, channels_first, objectness, \
+             std::move(classes), max_candidates, vemoproc::Pipeline::Native)
 
 py::array_t<float> boxes_array(const std::vector<yolo::Detection>& boxes) {
   std::vector<float> flat;
@@ -182,9 +168,8 @@ postprocess.)");
         auto h = to_xtensor<float, 2>(head, "head");
         const yolo::PostprocessOptions o = VEMOPROC_PY_TASK_OPTIONS;
         auto dets = released([&] {
-          return end2end
-                     ? yolo::postprocess_pose_end2end(h, letterbox, o, keypoint_shape)
-                     : yolo::postprocess_pose(h, letterbox, o, keypoint_shape);
+          return end2end ? yolo::postprocess_pose_end2end(h, letterbox, o, keypoint_shape)
+                         : yolo::postprocess_pose(h, letterbox, o, keypoint_shape);
         });
         return pose_dict(dets, keypoint_shape[0]);
       },
